@@ -1,0 +1,284 @@
+// Scoped per-thread profiler.
+//
+// A `Profiler` object is one named scope on the thread that constructs it;
+// scopes opened inside it nest, and each scope accumulates its times in a
+// record keyed by the "/"-joined names of the open scopes. `Extra` attaches a
+// value (a byte count, say) to every scope open on the calling thread.
+//
+// The operations are inline so that every library using them works on the one
+// set of tables defined in OrvunCpu; the layout of these types is therefore an
+// interface between libraries.
+//
+// Threads: any thread may open scopes and record extras. A scope must end on
+// the thread that opened it, innermost first. The tables are guarded by
+// `profilesMutex`; `Report` may run on any thread at any time.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <iosfwd>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#define ORVUN_CPU_API __attribute__((visibility("default")))
+
+namespace orvun::cpu {
+
+// Reader/writer lock over the profiler's tables. Shared holders are not held
+// back by a waiting writer. The operations do not nest: never ask for the
+// exclusive mode while holding the shared one.
+class ORVUN_CPU_API SharedMutex {
+public:
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::int32_t readers = 0;
+    bool writing = false;
+
+    void LockShared()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        condition.wait(lock, [this] { return !writing; });
+        ++readers;
+    }
+    void UnlockShared()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (--readers == 0) {
+            condition.notify_one();
+        }
+    }
+    void Lock()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        condition.wait(lock, [this] { return readers == 0 && !writing; });
+        writing = true;
+    }
+    void Unlock()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        writing = false;
+        condition.notify_all();
+    }
+
+    // Guards that give the hold back on every path, exceptions included.
+    class SharedHold {
+    public:
+        explicit SharedHold(SharedMutex& m) : _m(m) { _m.LockShared(); }
+        ~SharedHold() { _m.UnlockShared(); }
+        SharedHold(const SharedHold&) = delete;
+        SharedHold& operator=(const SharedHold&) = delete;
+
+    private:
+        SharedMutex& _m;
+    };
+    class ExclusiveHold {
+    public:
+        explicit ExclusiveHold(SharedMutex& m) : _m(m) { _m.Lock(); }
+        ~ExclusiveHold() { _m.Unlock(); }
+        ExclusiveHold(const ExclusiveHold&) = delete;
+        ExclusiveHold& operator=(const ExclusiveHold&) = delete;
+
+    private:
+        SharedMutex& _m;
+    };
+};
+
+class ORVUN_CPU_API Profiler {
+public:
+    // Statistics of one path (or of one extra inside a scope record).
+    struct Profile {
+        std::int32_t count = 0;
+        double total = 0.0;
+        double min = -1.0; // -1.0: no sample yet
+        double max = 0.0;
+        std::unordered_map<std::string, Profile> extraProfiles;
+
+        void Add(double sample)
+        {
+            ++count;
+            total += sample;
+            min = min == -1.0 ? sample : std::min(min, sample);
+            max = std::max(sample, max);
+        }
+    };
+
+    // The registry. Keys are only ever added, under the exclusive mode of
+    // `profilesMutex`; a thread changes its own entries under the shared mode.
+    static std::unordered_map<std::thread::id, std::unordered_map<std::string, Profile>> profiles;
+    static std::unordered_map<std::thread::id, std::vector<std::string>> profileStacks;
+    static std::unordered_map<std::thread::id, std::string> threadNames;
+    static std::set<std::string> extras;
+    // Master switch, false by default. Change it with `SetEnabled`.
+    static bool enabled;
+    static SharedMutex profilesMutex;
+
+    // Opens the scope `name` on the calling thread; with `start` it is timed
+    // from the end of construction. Throws std::system_error or allocation
+    // failures; nothing is left registered then.
+    explicit Profiler(const std::string& name, bool start = true) { Open(name, start); }
+    ~Profiler() { Stop(); }
+    Profiler(const Profiler&) = delete;
+    Profiler& operator=(const Profiler&) = delete;
+
+    // Ends the scope: adds its time when timed and removes its name from the
+    // thread's stack. Only the first call does anything.
+    void Stop()
+    {
+        if (profile == nullptr) {
+            return;
+        }
+        if (running) {
+            double elapsed;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                elapsed = (static_cast<double>(NowNanoseconds()) - startTime * 1000000.0) / 1000000.0;
+            }
+            running = false;
+            // The record is updated under the shared hold so that `Report`,
+            // which reads under the exclusive mode, sees consistent records.
+            SharedMutex::SharedHold hold(profilesMutex);
+            profile->Add(elapsed);
+            PopStack();
+        } else {
+            SharedMutex::SharedHold hold(profilesMutex);
+            PopStack();
+        }
+        profile = nullptr;
+    }
+
+    // Adds `value` under `name` to every scope open on the calling thread,
+    // and enters `name` in `extras`. Records nothing while disabled or on a
+    // thread that never opened an enabled scope.
+    static void Extra(const std::string& name, double value)
+    {
+        if (!IsEnabled()) {
+            return;
+        }
+        const std::thread::id id = std::this_thread::get_id();
+        SharedMutex::SharedHold hold(profilesMutex);
+        auto found = profiles.find(id);
+        if (found == profiles.end()) {
+            return;
+        }
+        // Map nodes stay put when other threads add keys; iterators may not.
+        auto& records = found->second;
+        if (extras.find(name) == extras.end()) {
+            WithExclusive([&name] { extras.insert(name); });
+        }
+        const std::vector<std::string>& stack = profileStacks.at(id);
+        if (stack.empty()) {
+            return;
+        }
+        std::string& path = Scratch();
+        path.clear();
+        for (const std::string& scope : stack) {
+            if (!path.empty()) {
+                path += '/';
+            }
+            path += scope;
+            records.at(path).extraProfiles[name].Add(value);
+        }
+    }
+
+    // Names the calling thread in `threadNames` (not the system thread).
+    static void SetThreadName(const std::string& name)
+    {
+        const std::thread::id id = std::this_thread::get_id();
+        SharedMutex::ExclusiveHold hold(profilesMutex);
+        threadNames[id] = name;
+    }
+
+    static bool IsEnabled() { return std::atomic_ref<bool>(enabled).load(std::memory_order_relaxed); }
+    // Switches recording on or off; scopes already open keep their state.
+    static void SetEnabled(bool on) { std::atomic_ref<bool>(enabled).store(on, std::memory_order_relaxed); }
+
+    // Writes every thread (by its registered name where it has one), every
+    // path with count, total, min, max and mean milliseconds, and every extra
+    // with its count and total, sorted by thread name, path and extra name.
+    static void Report(std::ostream& out);
+
+    // Object state, in this order; see `Stop`.
+    std::mutex mutex;
+    double startTime = 0.0; // milliseconds since the system clock's epoch
+    bool running = false;
+    Profile* profile = nullptr; // null: inert or ended
+
+private:
+    static void WriteTables(std::ostream& text);
+
+    static std::int64_t NowNanoseconds()
+    {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    }
+
+    // Per-thread scratch for paths, so that the common case allocates nothing.
+    static std::string& Scratch()
+    {
+        thread_local std::string path;
+        return path;
+    }
+
+    // Runs `change` under the exclusive mode from inside a shared hold: the
+    // hold is given back first and taken again afterwards, on every path.
+    template <typename Change> static void WithExclusive(Change&& change)
+    {
+        profilesMutex.UnlockShared();
+        struct Retake {
+            ~Retake() { profilesMutex.LockShared(); }
+        } retake;
+        SharedMutex::ExclusiveHold exclusive(profilesMutex);
+        change();
+    }
+
+    static void PopStack()
+    {
+        auto stack = profileStacks.find(std::this_thread::get_id());
+        if (stack != profileStacks.end() && !stack->second.empty()) {
+            stack->second.pop_back();
+        }
+    }
+
+    void Open(const std::string& name, bool start)
+    {
+        if (!IsEnabled()) {
+            return;
+        }
+        const std::thread::id id = std::this_thread::get_id();
+        {
+            SharedMutex::SharedHold hold(profilesMutex);
+            auto threadProfiles = profiles.find(id);
+            if (threadProfiles == profiles.end()) {
+                WithExclusive([id] {
+                    profiles[id];
+                    profileStacks[id];
+                });
+                threadProfiles = profiles.find(id);
+            }
+            std::vector<std::string>& stack = profileStacks.at(id);
+            std::string& path = Scratch();
+            path.clear();
+            for (const std::string& scope : stack) {
+                path += scope;
+                path += '/';
+            }
+            path += name;
+            profile = &threadProfiles->second[path];
+            stack.push_back(name);
+        }
+        if (start) {
+            std::lock_guard<std::mutex> lock(mutex);
+            running = true;
+            startTime = static_cast<double>(NowNanoseconds()) / 1000000.0;
+        }
+    }
+};
+
+} // namespace orvun::cpu

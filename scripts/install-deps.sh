@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and tests need, where missing.
+set -euo pipefail
+needed=()
+for package in "$@"; do
+    dpkg -s "$package" >/dev/null 2>&1 || needed+=("$package")
+done
+if [ ${#needed[@]} -gt 0 ]; then
+    echo "installing: ${needed[*]}"
+    sudo_cmd=""
+    [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
+    $sudo_cmd apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${needed[@]}"
+fi

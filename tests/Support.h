@@ -1,0 +1,278 @@
+// Helpers shared by the tests: raw loopback peers, bounded waits, and
+// counts of descriptors and threads.
+#pragma once
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <random>
+#include <set>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cpu/Profiler.h"
+
+namespace support {
+
+using Bytes = std::vector<unsigned char>;
+
+// Polls `done` every millisecond until it holds or `limit` passes.
+inline bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline size_t CountEntries(const char* directory)
+{
+    size_t count = 0;
+    if (DIR* dir = opendir(directory)) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') {
+                ++count;
+            }
+        }
+        closedir(dir);
+    }
+    return count;
+}
+
+// Open descriptors of this process (the directory's own included, always).
+inline size_t OpenDescriptors() { return CountEntries("/proc/self/fd"); }
+inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
+
+// The names (comm) of this process's threads.
+inline std::multiset<std::string> ThreadNames()
+{
+    std::multiset<std::string> names;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+            std::string name;
+            std::getline(comm, name);
+            names.insert(name);
+        }
+        closedir(dir);
+    }
+    return names;
+}
+
+inline bool HasThreadNamed(const std::string& name) { return ThreadNames().count(name) != 0; }
+
+inline Bytes RandomBytes(size_t size, unsigned seed = 12345)
+{
+    std::mt19937 generator(seed);
+    Bytes bytes(size);
+    for (auto& b : bytes) {
+        b = static_cast<unsigned char>(generator());
+    }
+    return bytes;
+}
+
+inline Bytes ToBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+// A raw descriptor closed by its destructor.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : _fd(fd) {}
+    Fd(Fd&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
+    Fd& operator=(Fd&& other) noexcept
+    {
+        Reset(std::exchange(other._fd, -1));
+        return *this;
+    }
+    ~Fd() { Reset(); }
+    int Get() const { return _fd; }
+    void Reset(int fd = -1)
+    {
+        if (_fd >= 0) {
+            ::close(_fd);
+        }
+        _fd = fd;
+    }
+
+private:
+    int _fd = -1;
+};
+
+inline sockaddr_storage Loopback(bool ipv6, unsigned short port, socklen_t& length)
+{
+    sockaddr_storage storage{};
+    if (ipv6) {
+        auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
+        a->sin6_family = AF_INET6;
+        a->sin6_port = htons(port);
+        a->sin6_addr = in6addr_loopback;
+        length = sizeof(sockaddr_in6);
+    } else {
+        auto* a = reinterpret_cast<sockaddr_in*>(&storage);
+        a->sin_family = AF_INET;
+        a->sin_port = htons(port);
+        a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        length = sizeof(sockaddr_in);
+    }
+    return storage;
+}
+
+inline unsigned short LocalPort(int fd)
+{
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(storage);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length);
+    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+}
+
+// A raw listening TCP socket on loopback, on a port the system chose.
+inline Fd RawTcpListener(bool ipv6, unsigned short& port)
+{
+    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, 0, length);
+    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd.Get(), 64) != 0) {
+        ADD_FAILURE() << "raw TCP listener failed";
+    }
+    port = LocalPort(fd.Get());
+    return fd;
+}
+
+// Accepts one connection, waiting at most `limit`.
+inline Fd AcceptWithin(int listener, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    pollfd entry{listener, POLLIN, 0};
+    if (poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
+        ADD_FAILURE() << "no connection arrived";
+        return Fd();
+    }
+    return Fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+inline Fd RawTcpConnect(bool ipv6, unsigned short port)
+{
+    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    if (connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        ADD_FAILURE() << "raw connect failed";
+    }
+    return fd;
+}
+
+// Reads exactly `size` bytes with a bound on the whole wait; fewer on EOF or time-out.
+inline Bytes ReadExactly(int fd, size_t size, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    Bytes bytes(size);
+    size_t have = 0;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (have < size) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{fd, POLLIN, 0};
+        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) != 1) {
+            break;
+        }
+        const ssize_t n = recv(fd, bytes.data() + have, size - have, 0);
+        if (n <= 0) {
+            break;
+        }
+        have += static_cast<size_t>(n);
+    }
+    bytes.resize(have);
+    return bytes;
+}
+
+inline void SendAll(int fd, const Bytes& bytes)
+{
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            ADD_FAILURE() << "raw send failed";
+            return;
+        }
+        sent += static_cast<size_t>(n);
+    }
+}
+
+// Closes a TCP descriptor with a reset instead of an orderly shutdown.
+inline void ResetConnection(Fd& fd)
+{
+    linger option{1, 0};
+    setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+    fd.Reset();
+}
+
+// A raw UDP socket bound to loopback on a port the system chose.
+inline Fd RawUdp(bool ipv6, unsigned short& port)
+{
+    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, 0, length);
+    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        ADD_FAILURE() << "raw UDP bind failed";
+    }
+    port = LocalPort(fd.Get());
+    return fd;
+}
+
+inline void SendDatagram(int fd, bool ipv6, unsigned short port, const Bytes& bytes)
+{
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address), length) !=
+        static_cast<ssize_t>(bytes.size())) {
+        ADD_FAILURE() << "raw sendto failed";
+    }
+}
+
+// One datagram within `limit`, with its sender's port; empty on time-out.
+inline Bytes ReceiveDatagram(int fd, unsigned short* fromPort = nullptr,
+                             std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    pollfd entry{fd, POLLIN, 0};
+    if (poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
+        return {};
+    }
+    Bytes bytes(65536);
+    sockaddr_storage from{};
+    socklen_t length = sizeof(from);
+    const ssize_t n = recvfrom(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (fromPort != nullptr) {
+        *fromPort = ntohs(reinterpret_cast<sockaddr_in*>(&from)->sin_port);
+    }
+    return bytes;
+}
+
+// Clears the profiler's tables and sets its switch; call with no scope open.
+inline void ResetProfiler(bool enabled)
+{
+    using orvun::cpu::Profiler;
+    Profiler::SetEnabled(enabled);
+    orvun::cpu::SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
+    Profiler::profiles.clear();
+    Profiler::profileStacks.clear();
+    Profiler::threadNames.clear();
+    Profiler::extras.clear();
+}
+
+} // namespace support
