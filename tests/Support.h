@@ -276,3 +276,116 @@ inline void ResetProfiler(bool enabled)
 }
 
 } // namespace support
+
+// Socket and thread probes: the library keeps its descriptors and threads to
+// itself, so the tests find them through /proc and the socket calls.
+#include <cerrno>
+#include <cstdlib>
+#include <sys/ioctl.h>
+
+namespace support {
+
+// The peer's port of a connected socket; 0 without one.
+inline unsigned short PeerPort(int fd)
+{
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(storage);
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
+        return 0;
+    }
+    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+}
+
+// This process's connected TCP descriptor with these ports; -1 if none.
+inline int FindTcpDescriptor(unsigned short localPort, unsigned short peerPort)
+{
+    int found = -1;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return found;
+    }
+    while (dirent* entry = readdir(dir)) {
+        const int fd = std::atoi(entry->d_name);
+        if (entry->d_name[0] == '.' || fd == dirfd(dir)) {
+            continue;
+        }
+        int type = 0;
+        socklen_t length = sizeof(type);
+        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
+            LocalPort(fd) == localPort && PeerPort(fd) == peerPort) {
+            found = fd;
+            break;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
+// Bytes received on `fd` and not read yet; -1 on failure.
+inline int QueuedBytes(int fd)
+{
+    int count = -1;
+    ioctl(fd, FIONREAD, &count);
+    return count;
+}
+
+inline timeval SendTimeout(int fd)
+{
+    timeval limit{-1, -1};
+    socklen_t length = sizeof(limit);
+    getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &length);
+    return limit;
+}
+
+// 0 when a raw TCP connect to loopback succeeds, else its errno.
+inline int TryConnect(bool ipv6, unsigned short port)
+{
+    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    return connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
+}
+
+// Reads until the peer closes (or fails) or `limit` passes; `closed` says which.
+inline Bytes ReadUntilClosed(int fd, bool& closed, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    Bytes bytes;
+    closed = false;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN, 0};
+        if (poll(&entry, 1, 50) != 1) {
+            continue;
+        }
+        unsigned char chunk[4096];
+        const ssize_t n = recv(fd, chunk, sizeof(chunk), 0);
+        if (n <= 0) {
+            closed = true;
+            break;
+        }
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    }
+    return bytes;
+}
+
+// The kernel id of a thread of this process with that name; 0 if none.
+inline pid_t ThreadIdNamed(const std::string& name)
+{
+    pid_t found = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+            std::string text;
+            if (std::getline(comm, text) && text == name) {
+                found = static_cast<pid_t>(std::atoi(entry->d_name));
+            }
+        }
+        closedir(dir);
+    }
+    return found;
+}
+
+} // namespace support
