@@ -2,6 +2,7 @@
 // stream that carries one received datagram.
 //
 // Threads: a stream has no lock; one thread at a time uses a given object.
+// Ownership: a stream owns its bytes; `ReadOnlyStream` takes its vector over.
 #pragma once
 
 #include <stdexcept>
@@ -17,6 +18,7 @@ namespace orvun::filesystem {
 // defined by derived classes. Copyable and movable as a value.
 class ORVUN_FS_API Stream {
 public:
+    // An empty stream.
     Stream();
     // `size` is a capacity hint: the buffer reserves that many bytes.
     // Throws std::length_error or std::bad_alloc for an impossible size.
@@ -27,7 +29,8 @@ public:
     Stream& operator=(Stream&&) noexcept = default;
     virtual ~Stream();
 
-    // Appends `size` bytes from `data` to the buffer.
+    // Appends `size` bytes from `data` to the buffer. Throws allocation
+    // failures, leaving the buffer as it was.
     virtual void Write(const unsigned char* data, unsigned long size);
     // The base stream has nothing to read: throws std::logic_error.
     virtual void Read(unsigned char* data, unsigned long size);
@@ -59,7 +62,8 @@ public:
     ReadOnlyStream& operator=(ReadOnlyStream&& other) noexcept
     {
         Stream::operator=(std::move(other));
-        _readPosition = std::exchange(other._readPosition, 0);
+        // Only the Stream part of `other` has been moved; its own field is still ours to take.
+        _readPosition = std::exchange(other._readPosition, 0); // NOLINT(bugprone-use-after-move)
         return *this;
     }
     ~ReadOnlyStream() override {}

@@ -91,8 +91,8 @@ public:
 };
 
 namespace detail {
-// The exception that ended a library thread, written once by that thread
-// and read by any thread.
+// Internal, not for users. The exception that ended a library thread, written
+// once by that thread and read by any thread.
 class ThreadError {
 public:
     void Set(std::exception_ptr error)
@@ -119,6 +119,7 @@ class ORVUN_NET_API Socket : public filesystem::Stream {
 public:
     // No descriptor, no address.
     Socket();
+    // As Socket(), on a stream given the capacity hint `size`.
     explicit Socket(unsigned long size) : filesystem::Stream(size) {}
     // Takes the descriptor and address record; the new socket's buffer starts
     // empty and `other` is left without descriptor or record.
@@ -130,7 +131,10 @@ public:
     ~Socket() override;
 
     // Waits up to `timeout` ms (negative: no limit) for the descriptor to be
-    // readable. Returns poll's result: 1 ready, 0 timed out, -1 failed.
+    // readable. Returns poll's result: 1 ready (readable, closed by the peer,
+    // or in error), 0 timed out, -1 failed (errno as poll left it). Throws
+    // nothing. Blocks the calling thread; use it before a `Read` that must not
+    // block for long.
     int Poll(int timeout);
     // As `Poll(timeout)`, then peeks up to `size` bytes when ready (they stay
     // queued): -1 when the peek finds the connection closed by the peer.
@@ -167,9 +171,12 @@ class TcpListener;
 // `IsIdle` may be called from any thread.
 class ORVUN_NET_API TcpSocket : public Socket {
 public:
-    // Connects to `host`:`port`. `size` is the buffer's capacity hint;
-    // `timeout` bounds the connection attempt in milliseconds (0: none).
-    // Throws ResolveError or ConnectionError ("TCP Connection failed").
+    // Connects to `host`:`port`, blocking the calling thread meanwhile. `size`
+    // is the buffer's capacity hint; `timeout` bounds the connection attempt in
+    // milliseconds (0: none). Throws ResolveError or ConnectionError ("TCP
+    // Connection failed"), with nothing left open. Nagle's algorithm stays on:
+    // write a whole request, then Flush once, or the second part of a split
+    // request can wait for the peer's delayed acknowledgement (about 40 ms).
     TcpSocket(const std::string& host, unsigned short port, unsigned long size, long timeout);
     TcpSocket(const TcpSocket&) = delete;
     TcpSocket& operator=(const TcpSocket&) = delete;
@@ -177,9 +184,11 @@ public:
     // closes the connection. Never flushes.
     ~TcpSocket() override;
 
-    // Fills `data` with exactly `size` bytes. Throws Disconnected when the
-    // peer closes first (the bytes received so far are in `data`) and
-    // ReceiveError when `recv` fails.
+    // Fills `data` with exactly `size` bytes, blocking the calling thread until
+    // they have arrived; another thread cannot interrupt it (wait with `Poll`
+    // first to stay responsive). Throws Disconnected when the peer closes first
+    // (the bytes received so far are in `data`) and ReceiveError when `recv`
+    // fails (a reset, a signal).
     void Read(unsigned char* data, unsigned long size) override;
     // Sends the buffered bytes with one `send` and empties the buffer; a short
     // send is not retried. Throws SendError ("TCP Socket send failed: " and
@@ -192,7 +201,10 @@ public:
     // Does nothing when a worker was already started. Throws std::system_error
     // when the thread cannot start (the socket stays in direct mode).
     void SetNonBlockingFlush();
-    // True when no flushed byte is waiting for the worker.
+    // True when no flushed byte is waiting for the worker (always in direct
+    // mode). A batch the worker has taken may still be in `send`; the
+    // destructor waits for that one, so destroying the socket once this is
+    // true loses nothing. Any thread may call it.
     bool IsIdle();
 
 protected:
@@ -220,9 +232,12 @@ class ORVUN_NET_API TcpListener : public Socket {
 public:
     using Callback = std::function<void(std::unique_ptr<TcpSocket>)>;
 
-    // Binds (address and port reuse), listens and starts the accept thread.
-    // Throws ResolveError, BindError ("TCP Bind failed"), ListenError or
-    // std::system_error; `callback` is left untouched by those failures.
+    // Binds (address and port reuse; port 0: the system chooses, see
+    // GetLocalPort), listens and starts the accept thread, which owns
+    // `callback` from then on. Throws ResolveError, BindError ("TCP Bind
+    // failed"), ListenError or std::system_error, with nothing left open.
+    // After ResolveError, BindError or ListenError `callback` is untouched;
+    // when the thread cannot start it has already been moved and is gone.
     TcpListener(const std::string& host, unsigned short port, Callback&& callback);
     TcpListener(const TcpListener&) = delete;
     TcpListener& operator=(const TcpListener&) = delete;
@@ -255,8 +270,10 @@ class ORVUN_NET_API UdpSocket : public Socket {
 public:
     using Callback = std::function<void(const UdpSocket&, filesystem::ReadOnlyStream&&)>;
 
-    // An unbound, unconnected UDP socket of the family of `host`. `size` is
-    // the buffer's capacity hint. Throws ResolveError.
+    // An unbound, unconnected UDP socket of the family of `host`, sending to
+    // `host`:`port`. `size` is the buffer's capacity hint. Throws ResolveError.
+    // The first Flush gives it a local port (GetLocalPort is 0 before), on
+    // which `Receive` then gets the answers.
     UdpSocket(const std::string& host, unsigned short port, unsigned long size);
     // A reply socket to the sender of the datagram `src` received last. Call it
     // on the receive thread; `src` must have received (else the process aborts).
@@ -283,6 +300,9 @@ public:
     // profiler scope "UDP Listener", with "UDP RX" recorded. A zero-length
     // datagram or a failed receive ends the loop. Throws std::logic_error when
     // a receive thread exists already, std::system_error when it cannot start.
+    // The callback runs on the receive thread, one datagram at a time; the
+    // thread owns its copy and destroys it when it ends. The stream it gets is
+    // destroyed when it returns.
     void Receive(Callback&& callback);
 
     // The exception that ended the receive loop (a PollError, or what the
@@ -311,8 +331,14 @@ private:
 // Threads: as UdpSocket; the callback must not destroy the listener.
 class ORVUN_NET_API UdpListener : public UdpSocket {
 public:
-    // Throws ResolveError, BindError ("UDP Bind failed") or std::system_error.
+    // Binds `host`:`port` (port 0: the system chooses; see GetLocalPort) and
+    // starts the receive thread "ORVUN_UDP_Lisn" with `callback`. Throws
+    // ResolveError, BindError ("UDP Bind failed") or std::system_error, with
+    // nothing left open or running.
     UdpListener(const std::string& host, unsigned short port, Callback&& callback);
+    // Stops and joins the receive thread (waits for a running callback and at
+    // most one 100 ms poll), then closes the descriptor. Reply sockets copied
+    // from it must be gone.
     ~UdpListener() override;
 
     // Sends the buffer as one datagram to `host`:`port` from the bound port
