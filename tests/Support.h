@@ -55,7 +55,17 @@ inline size_t CountEntries(const char* directory)
 
 // Open descriptors of this process (the directory's own included, always).
 inline size_t OpenDescriptors() { return CountEntries("/proc/self/fd"); }
-inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
+// The first thread a process starts can bring a runtime thread of its own
+// (ThreadSanitizer's), so one is started and joined before the first count.
+inline size_t ThreadCount()
+{
+    static const bool warmedUp = [] {
+        std::thread([] {}).join();
+        return true;
+    }();
+    static_cast<void>(warmedUp);
+    return CountEntries("/proc/self/task");
+}
 
 // The names (comm) of this process's threads.
 inline std::multiset<std::string> ThreadNames()
