@@ -14,6 +14,12 @@ std::set<std::string> Profiler::extras;
 bool Profiler::enabled = false;
 SharedMutex Profiler::profilesMutex;
 
+std::string& Profiler::Scratch()
+{
+    thread_local std::string path;
+    return path;
+}
+
 namespace {
 
 std::string ThreadLabel(std::thread::id id)

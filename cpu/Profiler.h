@@ -12,6 +12,11 @@
 // Threads: any thread may open scopes and record extras. A scope must end on
 // the thread that opened it, innermost first. The tables are guarded by
 // `profilesMutex`; `Report` may run on any thread at any time.
+//
+// Ownership: the tables belong to OrvunCpu and live as long as the process;
+// these operations only ever add to them. Records are keyed by
+// std::thread::id, and a thread started after another was joined may get the
+// same id, and so continue that thread's records.
 #pragma once
 
 #include <algorithm>
@@ -90,9 +95,15 @@ public:
     };
 };
 
+// One named scope, timed from construction to destruction (or `Stop`), on the
+// thread that builds it. Neither copyable nor movable: keep it on that
+// thread's stack. Does nothing while recording is off.
 class ORVUN_CPU_API Profiler {
 public:
-    // Statistics of one path (or of one extra inside a scope record).
+    // Statistics of one path (or of one extra inside a scope record): the
+    // number of samples, their sum, smallest and largest value. Samples are
+    // milliseconds for scopes and the caller's unit for extras (bytes for the
+    // sockets' "TCP TX", "UDP TX", "UDP RX").
     struct Profile {
         std::int32_t count = 0;
         double total = 0.0;
@@ -179,7 +190,9 @@ public:
         std::string& path = Scratch();
         path.clear();
         for (const std::string& scope : stack) {
-            if (!path.empty()) {
+            // A separator per level, as `Open` builds paths: an empty scope
+            // name must not merge two levels into another scope's path.
+            if (&scope != &stack.front()) {
                 path += '/';
             }
             path += scope;
@@ -187,7 +200,9 @@ public:
         }
     }
 
-    // Names the calling thread in `threadNames` (not the system thread).
+    // Names the calling thread in `threadNames` (not the system thread), the
+    // label `Report` shows; a second call replaces the name. Works whether or
+    // not recording is on. Throws std::system_error or allocation failures.
     static void SetThreadName(const std::string& name)
     {
         const std::thread::id id = std::this_thread::get_id();
@@ -195,6 +210,7 @@ public:
         threadNames[id] = name;
     }
 
+    // Whether recording is on. Any thread, any time.
     static bool IsEnabled() { return std::atomic_ref<bool>(enabled).load(std::memory_order_relaxed); }
     // Switches recording on or off; scopes already open keep their state.
     static void SetEnabled(bool on) { std::atomic_ref<bool>(enabled).store(on, std::memory_order_relaxed); }
@@ -202,6 +218,9 @@ public:
     // Writes every thread (by its registered name where it has one), every
     // path with count, total, min, max and mean milliseconds, and every extra
     // with its count and total, sorted by thread name, path and extra name.
+    // Holds the exclusive mode while it reads, so other threads' scopes and
+    // extras wait for it; writes to `out` afterwards. Throws allocation
+    // failures and what `out` throws.
     static void Report(std::ostream& out);
 
     // Object state, in this order; see `Stop`.
@@ -220,11 +239,10 @@ private:
     }
 
     // Per-thread scratch for paths, so that the common case allocates nothing.
-    static std::string& Scratch()
-    {
-        thread_local std::string path;
-        return path;
-    }
+    // Out of line on purpose: a thread_local inside an inline function gets a
+    // construction guard per shared library, so two libraries would build and
+    // destroy the one object twice.
+    static std::string& Scratch();
 
     // Runs `change` under the exclusive mode from inside a shared hold: the
     // hold is given back first and taken again afterwards, on every path.
