@@ -150,6 +150,8 @@ void SendDatagram(int descriptor, const std::vector<unsigned char>& buffer, cons
 constexpr int kPollPeriodMs = 100;
 constexpr int kListenBacklog = 4096;
 constexpr size_t kDatagramCapacity = 1400;
+// Largest flush-worker batch whose storage is kept for reuse.
+constexpr size_t kKeptBatchCapacity = size_t{4} << 20;
 
 } // namespace
 
@@ -334,8 +336,12 @@ bool TcpSocket::IsIdle()
 void TcpSocket::RunFlushWorker()
 {
     sys::NameThread("ORVUN_TCP_FLUSH");
+    // Two buffers take turns: the worker takes the whole queue and leaves its
+    // emptied previous batch in its place, so a steady stream of flushes stops
+    // reallocating (and faulting in fresh pages) once both have grown. A large
+    // batch is let go after its send, so that a burst does not keep its memory.
+    std::vector<unsigned char> batch;
     while (_nonBlockingFlush) {
-        std::vector<unsigned char> batch;
         {
             std::unique_lock<std::mutex> lock(_flushMutex);
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPollPeriodMs);
@@ -348,7 +354,13 @@ void TcpSocket::RunFlushWorker()
             }
             batch.swap(_flushQueue);
         }
-        if (sys::Send(_socket, batch.data(), batch.size()) == -1) {
+        const bool failed = sys::Send(_socket, batch.data(), batch.size()) == -1;
+        if (batch.capacity() > kKeptBatchCapacity) {
+            std::vector<unsigned char>().swap(batch);
+        } else {
+            batch.clear();
+        }
+        if (failed) {
             std::cerr << "TCP Socket send failed (non-blocking)" << std::endl;
             break;
         }
