@@ -187,15 +187,19 @@ public:
         if (stack.empty()) {
             return;
         }
+        // The outermost path is the bare name: no copy for it, and none at
+        // all in the common case of one open scope.
+        records.at(stack.front()).extraProfiles[name].Add(value);
+        if (stack.size() == 1) {
+            return;
+        }
         std::string& path = Scratch();
-        path.clear();
-        for (const std::string& scope : stack) {
+        path = stack.front();
+        for (auto scope = stack.begin() + 1; scope != stack.end(); ++scope) {
             // A separator per level, as `Open` builds paths: an empty scope
             // name must not merge two levels into another scope's path.
-            if (&scope != &stack.front()) {
-                path += '/';
-            }
-            path += scope;
+            path += '/';
+            path += *scope;
             records.at(path).extraProfiles[name].Add(value);
         }
     }
@@ -281,14 +285,19 @@ private:
                 threadProfiles = profiles.find(id);
             }
             std::vector<std::string>& stack = profileStacks.at(id);
-            std::string& path = Scratch();
-            path.clear();
-            for (const std::string& scope : stack) {
-                path += scope;
-                path += '/';
+            if (stack.empty()) {
+                // No scope open: the path is the bare name, used as it is.
+                profile = &threadProfiles->second[name];
+            } else {
+                std::string& path = Scratch();
+                path.clear();
+                for (const std::string& scope : stack) {
+                    path += scope;
+                    path += '/';
+                }
+                path += name;
+                profile = &threadProfiles->second[path];
             }
-            path += name;
-            profile = &threadProfiles->second[path];
             stack.push_back(name);
         }
         if (start) {
