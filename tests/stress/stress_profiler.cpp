@@ -1,0 +1,125 @@
+// The profiler's tables shared by many threads: eight threads open nested
+// scopes and record extras while another reads the tables out.
+#include <sstream>
+
+#include "StressSupport.h"
+
+namespace {
+
+using orvun::cpu::Profiler;
+
+// Each writer runs `iterations` of: scope "request" around one to three
+// nested scopes, an extra of `iteration % 1000` bytes in the innermost, and
+// every 30th time an untimed scope below "parse" with an extra of its own.
+void Writer(int index, int iterations)
+{
+    Profiler::SetThreadName("writer " + std::to_string(index));
+    static const char* const kNames[] = {"parse", "route", "encode"};
+    for (int i = 0; i < iterations; ++i) {
+        Profiler request("request", true);
+        const int depth = 1 + i % 3;
+        std::vector<std::unique_ptr<Profiler>> nested;
+        for (int d = 0; d < depth; ++d) {
+            nested.push_back(std::make_unique<Profiler>(kNames[d], true));
+        }
+        Profiler::Extra("bytes", static_cast<double>(i % 1000));
+        if (i % 30 == 0) {
+            Profiler untimed("untimed", false);
+            Profiler::Extra("thread " + std::to_string(index), 1.0);
+        }
+        while (!nested.empty()) {
+            nested.pop_back();
+        }
+    }
+}
+
+TEST(ProfilerStress, EightWritersAndAReader)
+{
+    constexpr int kWriters = 8;
+    const int iterations = stress::Scaled(20000, 100);
+    support::ResetProfiler(true);
+    std::atomic<int> running{kWriters};
+    std::atomic<int> reports{0};
+    std::atomic<int> malformed{0};
+    std::thread reader([&] {
+        while (running > 0) {
+            std::ostringstream out;
+            Profiler::Report(out);
+            const std::string text = out.str();
+            // Every report is whole: each thread section starts with its label.
+            if (!text.empty() && text.front() != '[') {
+                ++malformed;
+            }
+            ++reports;
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> writers;
+    std::vector<std::thread::id> ids(kWriters);
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            ids[static_cast<size_t>(w)] = std::this_thread::get_id();
+            // Start once the reader is reading, so that the two overlap.
+            support::WaitFor([&] { return reports > 0; });
+            Writer(w, iterations);
+            --running;
+        });
+    }
+    for (auto& t : writers) {
+        t.join();
+    }
+    reader.join();
+    EXPECT_GT(reports, 0);
+    EXPECT_EQ(malformed, 0);
+
+    // Per thread: every scope counted, every extra added to each open scope
+    // exactly once, stacks empty, min and max consistent.
+    const int nestedTwice = iterations - (iterations + 2) / 3; // depth 2 or 3
+    const int nestedThrice = iterations / 3;
+    const int untimedCount = (iterations + 29) / 30;
+    double bytesTotal = 0.0;
+    for (int i = 0; i < iterations; ++i) {
+        bytesTotal += i % 1000;
+    }
+    orvun::cpu::SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
+    for (int w = 0; w < kWriters; ++w) {
+        const auto id = ids[static_cast<size_t>(w)];
+        ASSERT_EQ(Profiler::profiles.count(id), 1u);
+        const auto& records = Profiler::profiles.at(id);
+        EXPECT_TRUE(Profiler::profileStacks.at(id).empty());
+        EXPECT_EQ(Profiler::threadNames.at(id), "writer " + std::to_string(w));
+        const std::pair<const char*, int> expected[] = {{"request", iterations},
+                                                        {"request/parse", iterations},
+                                                        {"request/parse/route", nestedTwice},
+                                                        {"request/parse/route/encode", nestedThrice}};
+        for (const auto& [path, count] : expected) {
+            ASSERT_EQ(records.count(path), 1u) << path;
+            const auto& record = records.at(path);
+            EXPECT_EQ(record.count, count) << path;
+            EXPECT_NE(record.min, -1.0) << path << ": a sample was added, so min is set";
+            EXPECT_LE(record.min, record.max) << path;
+        }
+        const auto& request = records.at("request");
+        ASSERT_EQ(request.extraProfiles.count("bytes"), 1u);
+        EXPECT_EQ(request.extraProfiles.at("bytes").count, iterations);
+        EXPECT_EQ(request.extraProfiles.at("bytes").total, bytesTotal);
+        EXPECT_EQ(request.extraProfiles.at("bytes").min, 0.0);
+        EXPECT_EQ(request.extraProfiles.at("bytes").max, static_cast<double>(std::min(iterations - 1, 999)));
+        ASSERT_EQ(records.count("request/parse/untimed"), 1u);
+        const auto& untimed = records.at("request/parse/untimed");
+        EXPECT_EQ(untimed.count, 0);
+        EXPECT_EQ(untimed.min, -1.0);
+        const std::string own = "thread " + std::to_string(w);
+        EXPECT_EQ(untimed.extraProfiles.at(own).count, untimedCount);
+        EXPECT_EQ(request.extraProfiles.at(own).count, untimedCount);
+        EXPECT_EQ(records.at("request/parse").extraProfiles.at(own).count, untimedCount);
+    }
+    for (int w = 0; w < kWriters; ++w) {
+        EXPECT_EQ(Profiler::extras.count("thread " + std::to_string(w)), 1u);
+    }
+    stress::Figure("profiler scopes closed",
+                   static_cast<double>(kWriters) * (2 * iterations + nestedTwice + nestedThrice + untimedCount));
+    stress::Figure("profiler reports read meanwhile", reports);
+}
+
+} // namespace
