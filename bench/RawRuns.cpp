@@ -1,0 +1,474 @@
+// Plain POSIX baselines. They make the same system calls with the same
+// socket options as the library (the accepting side sets TCP_NODELAY, the
+// connecting side does not) and nothing else.
+#include "Scenarios.h"
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace bench {
+
+namespace {
+
+constexpr int kPollMs = 100;
+constexpr std::size_t kDatagramCapacity = 1400;
+
+int AcceptOne(int listener)
+{
+    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        throw RunFailed("accept failed");
+    }
+    raw::SetNoDelay(fd);
+    return fd;
+}
+
+// The receive loop shape of the library: poll for up to 100 ms, then one
+// recvfrom; `handle` gets each datagram. Ends on a result below 1 or when
+// `running` is cleared.
+template <typename Handle> void PollingReceiveLoop(int fd, const std::atomic<bool>& running, Handle&& handle)
+{
+    unsigned char datagram[kDatagramCapacity];
+    while (running.load(std::memory_order_relaxed)) {
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, kPollMs);
+        if (!running.load(std::memory_order_relaxed)) {
+            return;
+        }
+        if (ready == 0) {
+            continue;
+        }
+        if (ready < 0) {
+            throw RunFailed("poll failed");
+        }
+        sockaddr_in from{};
+        socklen_t length = sizeof(from);
+        const ssize_t n = ::recvfrom(fd, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
+        if (n < 1) {
+            return;
+        }
+        handle(datagram, static_cast<std::size_t>(n), from, length);
+    }
+}
+
+} // namespace
+
+namespace {
+
+class RawTcpRttPeer : public RttPeer {
+public:
+    explicit RawTcpRttPeer(const Counts& counts)
+    {
+        unsigned short port;
+        _listener = raw::TcpListen(port);
+        _server = std::make_unique<Background>([listener = _listener] {
+            const int fd = AcceptOne(listener);
+            unsigned char message[64];
+            while (raw::ReceiveAll(fd, message, sizeof(message))) {
+                raw::SendAll(fd, message, sizeof(message));
+            }
+            ::close(fd);
+        });
+        _client = raw::TcpConnect(port);
+        std::vector<double> ignored;
+        Run(counts.rttWarmup, ignored);
+    }
+    ~RawTcpRttPeer() override
+    {
+        raw::Close(_client);
+        _server.reset();
+        raw::Close(_listener);
+    }
+
+    void Run(int rounds, std::vector<double>& samples) override
+    {
+        unsigned char reply[64];
+        for (int i = 0; i < rounds; ++i) {
+            _request[0] = ++_tag;
+            const auto start = Clock::now();
+            raw::SendAll(_client, _request, sizeof(_request));
+            if (!raw::ReceiveAll(_client, reply, sizeof(reply)) || reply[0] != _tag) {
+                throw RunFailed("tcp_rtt: wrong reply");
+            }
+            const auto end = Clock::now();
+            samples.push_back(MicrosecondsBetween(start, end));
+        }
+    }
+
+private:
+    unsigned char _tag = 0;
+    unsigned char _request[64] = {};
+    int _listener = -1;
+    int _client = -1;
+    std::unique_ptr<Background> _server;
+};
+
+} // namespace
+
+std::unique_ptr<RttPeer> RawTcpRtt(const Counts& counts) { return std::make_unique<RawTcpRttPeer>(counts); }
+
+namespace {
+
+class RawUdpRttThreadedPeer : public RttPeer {
+public:
+    explicit RawUdpRttThreadedPeer(const Counts& counts)
+    {
+        _server = raw::UdpBound(_port);
+        _serverLoop = std::make_unique<Background>([this] {
+            PollingReceiveLoop(
+                _server, _running,
+                [this](const unsigned char* data, std::size_t size, const sockaddr_in& from, socklen_t length) {
+                    ::sendto(_server, data, size, 0, reinterpret_cast<const sockaddr*>(&from), length);
+                });
+        });
+        _client = raw::UdpSocket();
+        _clientLoop = std::make_unique<Background>([this] {
+            PollingReceiveLoop(_client, _running,
+                               [this](const unsigned char* data, std::size_t, const sockaddr_in&, socklen_t) {
+                                   _first.store(data[0], std::memory_order_relaxed);
+                                   _arrived.Post();
+                               });
+        });
+        std::vector<double> ignored;
+        Run(counts.rttWarmup, ignored);
+    }
+    ~RawUdpRttThreadedPeer() override
+    {
+        _running = false;
+        _clientLoop.reset();
+        _serverLoop.reset();
+        raw::Close(_client);
+        raw::Close(_server);
+    }
+
+    void Run(int rounds, std::vector<double>& samples) override
+    {
+        const sockaddr_in destination = raw::Loopback(_port);
+        for (int i = 0; i < rounds; ++i) {
+            _request[0] = ++_tag;
+            const std::uint32_t seen = _arrived.Seen();
+            const auto start = Clock::now();
+            ::sendto(_client, _request, sizeof(_request), 0, reinterpret_cast<const sockaddr*>(&destination),
+                     sizeof(destination));
+            _arrived.WaitBeyond(seen);
+            const auto end = Clock::now();
+            if (_first.load(std::memory_order_relaxed) != _tag) {
+                throw RunFailed("udp_rtt: wrong reply");
+            }
+            samples.push_back(MicrosecondsBetween(start, end));
+        }
+    }
+
+private:
+    unsigned char _tag = 0;
+    unsigned char _request[64] = {};
+    unsigned short _port = 0;
+    int _server = -1;
+    int _client = -1;
+    std::atomic<bool> _running{true};
+    Handoff _arrived;
+    std::atomic<unsigned char> _first{0};
+    std::unique_ptr<Background> _serverLoop;
+    std::unique_ptr<Background> _clientLoop;
+};
+
+class RawUdpRttBlockingPeer : public RttPeer {
+public:
+    explicit RawUdpRttBlockingPeer(const Counts& counts)
+    {
+        _server = raw::UdpBound(_port);
+        _serverLoop = std::make_unique<Background>([server = _server] {
+            unsigned char datagram[kDatagramCapacity];
+            for (;;) {
+                sockaddr_in from{};
+                socklen_t length = sizeof(from);
+                const ssize_t n =
+                    ::recvfrom(server, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
+                if (n < 1) {
+                    return;
+                }
+                ::sendto(server, datagram, static_cast<std::size_t>(n), 0, reinterpret_cast<const sockaddr*>(&from),
+                         length);
+            }
+        });
+        _client = raw::UdpSocket();
+        std::vector<double> ignored;
+        Run(counts.rttWarmup, ignored);
+    }
+    ~RawUdpRttBlockingPeer() override
+    {
+        raw::SendEmptyDatagram(_port);
+        _serverLoop.reset();
+        raw::Close(_client);
+        raw::Close(_server);
+    }
+
+    void Run(int rounds, std::vector<double>& samples) override
+    {
+        const sockaddr_in destination = raw::Loopback(_port);
+        unsigned char reply[kDatagramCapacity];
+        for (int i = 0; i < rounds; ++i) {
+            _request[0] = ++_tag;
+            const auto start = Clock::now();
+            ::sendto(_client, _request, sizeof(_request), 0, reinterpret_cast<const sockaddr*>(&destination),
+                     sizeof(destination));
+            const ssize_t n = ::recv(_client, reply, sizeof(reply), 0);
+            const auto end = Clock::now();
+            if (n != sizeof(_request) || reply[0] != _tag) {
+                throw RunFailed("udp_rtt: wrong reply");
+            }
+            samples.push_back(MicrosecondsBetween(start, end));
+        }
+    }
+
+private:
+    unsigned char _tag = 0;
+    unsigned char _request[64] = {};
+    unsigned short _port = 0;
+    int _server = -1;
+    int _client = -1;
+    std::unique_ptr<Background> _serverLoop;
+};
+
+} // namespace
+
+std::unique_ptr<RttPeer> RawUdpRttThreaded(const Counts& counts)
+{
+    return std::make_unique<RawUdpRttThreadedPeer>(counts);
+}
+
+std::unique_ptr<RttPeer> RawUdpRttBlocking(const Counts& counts)
+{
+    return std::make_unique<RawUdpRttBlockingPeer>(counts);
+}
+
+namespace {
+
+// The TCP throughput peers share a shape: a listener, one accepted
+// connection read by a receiver thread, and a connected client.
+class RawTcpPeer : public BlockPeer {
+public:
+    RawTcpPeer()
+    {
+        unsigned short port;
+        _listener = raw::TcpListen(port);
+        _client = raw::TcpConnect(port);
+        _accepted = AcceptOne(_listener);
+    }
+    ~RawTcpPeer() override
+    {
+        raw::Close(_client);
+        _receiver.reset();
+        raw::Close(_accepted);
+        raw::Close(_listener);
+    }
+
+protected:
+    int _listener = -1;
+    int _client = -1;
+    int _accepted = -1;
+    Progress _progress;
+    std::unique_ptr<Background> _receiver;
+};
+
+class RawTcpBulkPeer : public RawTcpPeer {
+public:
+    explicit RawTcpBulkPeer(const Counts& counts) : _source(counts.bulkChunk, 0x5a)
+    {
+        _receiver = std::make_unique<Background>([this] {
+            std::vector<unsigned char> chunk(_source.size());
+            for (std::uint64_t i = 0; raw::ReceiveAll(_accepted, chunk.data(), chunk.size()); ++i) {
+                if (!CheckChunk(chunk.data(), i)) {
+                    _progress.Broken();
+                }
+                _progress.Add(1);
+            }
+        });
+    }
+
+    BlockResult Block(int units) override
+    {
+        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
+        const std::int64_t start = NowNs();
+        for (int i = 0; i < units; ++i) {
+            StampChunk(_source.data(), _sent++);
+            raw::SendAll(_client, _source.data(), _source.size());
+        }
+        const std::int64_t end = _progress.Wait("tcp_bulk", [this] { raw::PushTail(_client); });
+        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
+                           static_cast<double>(units)};
+    }
+
+private:
+    std::uint64_t _sent = 0;
+    std::vector<unsigned char> _source;
+};
+
+class RawTcpSmallPeer : public RawTcpPeer {
+public:
+    explicit RawTcpSmallPeer(int block)
+    {
+        _receiver = std::make_unique<Background>([this, block] {
+            std::vector<unsigned char> chunk(std::size_t{4096} * 16);
+            std::uint64_t next = 0;
+            for (;;) {
+                for (auto left = static_cast<std::size_t>(block); left > 0;) {
+                    const std::size_t take = std::min<std::size_t>(4096, left);
+                    if (!raw::ReceiveAll(_accepted, chunk.data(), take * 16)) {
+                        return;
+                    }
+                    if (!CheckMessages(chunk.data(), take, next)) {
+                        _progress.Broken();
+                    }
+                    next += take;
+                    left -= take;
+                }
+                _progress.Add(block);
+            }
+        });
+    }
+
+    BlockResult Block(int units) override
+    {
+        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
+        unsigned char message[16];
+        const std::int64_t start = NowNs();
+        for (int i = 0; i < units; ++i) {
+            FillMessage(message, _sent++);
+            // One send per message, as a direct-mode flush does.
+            if (::send(_client, message, sizeof(message), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(message))) {
+                throw RunFailed("tcp_small: send failed");
+            }
+        }
+        const std::int64_t end = _progress.Wait("tcp_small", [this] { raw::PushTail(_client); });
+        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
+                           static_cast<double>(units)};
+    }
+
+private:
+    std::uint64_t _sent = 0;
+};
+
+// A UDP receiver on its own port and a client that sends to it.
+class RawUdpRatePeer : public BlockPeer {
+public:
+    RawUdpRatePeer(std::size_t size, bool polling) : _payload(size, 0x33), _polling(polling)
+    {
+        _server = raw::UdpBound(_port);
+        _client = raw::UdpSocket();
+        _receiver = std::make_unique<Background>([this] {
+            if (_polling) {
+                PollingReceiveLoop(
+                    _server, _running,
+                    [this](const unsigned char*, std::size_t, const sockaddr_in&, socklen_t) { _arrivals.Arrived(); });
+                return;
+            }
+            unsigned char datagram[kDatagramCapacity];
+            for (;;) {
+                sockaddr_in from{};
+                socklen_t length = sizeof(from);
+                if (::recvfrom(_server, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length) <
+                    1) {
+                    return;
+                }
+                _arrivals.Arrived();
+            }
+        });
+    }
+    ~RawUdpRatePeer() override
+    {
+        _running = false;
+        if (!_polling) {
+            raw::SendEmptyDatagram(_port);
+        }
+        _receiver.reset();
+        raw::Close(_client);
+        raw::Close(_server);
+    }
+
+    BlockResult Block(int units) override
+    {
+        const sockaddr_in destination = raw::Loopback(_port);
+        return UdpBlock(_arrivals, units, [&] {
+            for (int i = 0; i < units; ++i) {
+                ::sendto(_client, _payload.data(), _payload.size(), 0, reinterpret_cast<const sockaddr*>(&destination),
+                         sizeof(destination));
+            }
+        });
+    }
+
+private:
+    std::vector<unsigned char> _payload;
+    bool _polling;
+    unsigned short _port = 0;
+    int _server = -1;
+    int _client = -1;
+    std::atomic<bool> _running{true};
+    ArrivalCounter _arrivals;
+    std::unique_ptr<Background> _receiver;
+};
+
+class RawTcpAcceptPeer : public BlockPeer {
+public:
+    RawTcpAcceptPeer()
+    {
+        _listener = raw::TcpListen(_port);
+        _server = std::make_unique<Background>([this] {
+            for (;;) {
+                const int fd = AcceptOne(_listener);
+                ::close(fd);
+                if (_stopping.load()) {
+                    return;
+                }
+                _progress.Add(1);
+            }
+        });
+    }
+    ~RawTcpAcceptPeer() override
+    {
+        // One more connection wakes the blocking accept.
+        _stopping = true;
+        raw::Close(raw::TcpConnect(_port));
+        _server.reset();
+        raw::Close(_listener);
+    }
+
+    BlockResult Block(int units) override
+    {
+        _sent += units;
+        _progress.Expect(_sent);
+        const std::int64_t start = NowNs();
+        for (int i = 0; i < units; ++i) {
+            ::close(raw::TcpConnect(_port));
+        }
+        const std::int64_t end = _progress.Wait("tcp_accept");
+        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
+                           static_cast<double>(units)};
+    }
+
+private:
+    unsigned short _port = 0;
+    int _listener = -1;
+    std::int64_t _sent = 0;
+    std::atomic<bool> _stopping{false};
+    Progress _progress;
+    std::unique_ptr<Background> _server;
+};
+
+} // namespace
+
+std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts) { return std::make_unique<RawTcpBulkPeer>(counts); }
+std::unique_ptr<BlockPeer> RawTcpSmall(int block) { return std::make_unique<RawTcpSmallPeer>(block); }
+std::unique_ptr<BlockPeer> RawUdpRateThreaded(std::size_t size) { return std::make_unique<RawUdpRatePeer>(size, true); }
+std::unique_ptr<BlockPeer> RawUdpRateBlocking(std::size_t size)
+{
+    return std::make_unique<RawUdpRatePeer>(size, false);
+}
+std::unique_ptr<BlockPeer> RawTcpAccept() { return std::make_unique<RawTcpAcceptPeer>(); }
+
+} // namespace bench
