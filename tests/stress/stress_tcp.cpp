@@ -116,9 +116,11 @@ TEST(TcpStress, ManyConnectionsKeptAndDropped)
             bytesMoved += 2 * size;
             if (id % 2 == 1) {
                 // The listener dropped it: the peer's close shows as end of stream.
-                if (client.Poll(20000, 1) == -1) {
-                    ++closedAfterDrop;
+                if (client.Poll(20000, 1) != -1) {
+                    ADD_FAILURE() << "connection " << id << " was dropped but not closed";
+                    break;
                 }
+                ++closedAfterDrop;
             }
         }
         ASSERT_TRUE(support::WaitFor([&] { return handled == connections; }, std::chrono::seconds(20)));
@@ -389,6 +391,16 @@ TEST(TcpStress, PeerResetsDuringDirectSends)
                 failed = true;
                 EXPECT_TRUE(IsResetErrno(error.what())) << error.what();
                 EXPECT_EQ(client.GetBufferSize(), chunk.size()) << "a failed flush keeps its bytes";
+            }
+        }
+        if (failed) {
+            // Once the reset is reported, a send meets a closed pipe (EPIPE),
+            // which would raise SIGPIPE without MSG_NOSIGNAL.
+            try {
+                client.Flush();
+                ADD_FAILURE() << "a flush after the reset succeeded";
+            } catch (const SendError& error) {
+                EXPECT_TRUE(IsResetErrno(error.what())) << error.what();
             }
         }
         EXPECT_TRUE(failed) << "round " << round << ": the reset never showed";
