@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzInput.h"
 #include "cpu/Profiler.h"
 
 namespace {
@@ -21,37 +22,8 @@ namespace {
 using orvun::cpu::Profiler;
 using orvun::cpu::SharedMutex;
 
-[[noreturn]] void Fail(const char* what)
-{
-    std::fprintf(stderr, "fuzz_profiler: %s\n", what);
-    std::abort();
-}
-
-void Check(bool condition, const char* what)
-{
-    if (!condition) {
-        Fail(what);
-    }
-}
-
-class Input {
-public:
-    Input(const std::uint8_t* data, size_t size) : _data(data), _size(size) {}
-    bool Empty() const { return _at >= _size; }
-    std::uint8_t Byte() { return _at < _size ? _data[_at++] : 0; }
-    std::string Text(size_t most)
-    {
-        const size_t count = std::min<size_t>(Byte() % (most + 1), _size - std::min(_at, _size));
-        std::string text(reinterpret_cast<const char*>(_data + _at), count);
-        _at += count;
-        return text;
-    }
-
-private:
-    const std::uint8_t* _data;
-    size_t _size;
-    size_t _at = 0;
-};
+using fuzz::Check;
+using fuzz::Input;
 
 // The statistics rules, kept apart from the profiler's own code.
 struct Stats {

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "FuzzInput.h"
 #include "filesystem/Stream.h"
 
 namespace {
@@ -16,38 +17,8 @@ using orvun::filesystem::ReadOnlyStream;
 using orvun::filesystem::Stream;
 using Bytes = std::vector<unsigned char>;
 
-[[noreturn]] void Fail(const char* what)
-{
-    std::fprintf(stderr, "fuzz_stream: %s\n", what);
-    std::abort();
-}
-
-void Check(bool condition, const char* what)
-{
-    if (!condition) {
-        Fail(what);
-    }
-}
-
-// Reads the input front to back; zeros once it runs out.
-class Input {
-public:
-    Input(const std::uint8_t* data, size_t size) : _data(data), _size(size) {}
-    bool Empty() const { return _at >= _size; }
-    std::uint8_t Byte() { return _at < _size ? _data[_at++] : 0; }
-    Bytes Take(size_t count)
-    {
-        count = std::min(count, _size - std::min(_at, _size));
-        Bytes bytes(_data + _at, _data + _at + count);
-        _at += count;
-        return bytes;
-    }
-
-private:
-    const std::uint8_t* _data;
-    size_t _size;
-    size_t _at = 0;
-};
+using fuzz::Check;
+using fuzz::Input;
 
 // What a stream must show of its buffer: size, bytes and truth value.
 void CheckContent(const Stream& stream, const Bytes& model, const char* what)
