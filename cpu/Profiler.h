@@ -48,13 +48,13 @@ public:
 
     void LockShared()
     {
-        std::unique_lock<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(Acquire(mutex), std::adopt_lock);
         condition.wait(lock, [this] { return !writing; });
         ++readers;
     }
     void UnlockShared()
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> lock(Acquire(mutex), std::adopt_lock);
         if (--readers == 0) {
             condition.notify_one();
         }
@@ -70,6 +70,22 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         writing = false;
         condition.notify_all();
+    }
+
+    // Takes `m`, spinning briefly before blocking. The sections under the
+    // internal mutex are a few instructions long, so a thread that finds it
+    // taken nearly always gets it within a few tries; blocking at once would
+    // cost both threads a futex call on every collision.
+    static std::mutex& Acquire(std::mutex& m)
+    {
+        for (int tries = 0; tries < 100; ++tries) {
+            if (m.try_lock()) {
+                return m;
+            }
+            __builtin_ia32_pause();
+        }
+        m.lock();
+        return m;
     }
 
     // Guards that give the hold back on every path, exceptions included.
