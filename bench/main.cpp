@@ -126,6 +126,7 @@ struct Context {
     bool quick = false;
     std::set<std::string> only;
     std::vector<Check> checks;
+    double workerMessagesPerSecond = 0.0; // tcp_small's worker mode, for the profiler's ceilings
     bool failed = false;
 
     bool Wanted(const std::string& scenario) const { return only.empty() || only.count(scenario) != 0; }
@@ -378,6 +379,7 @@ void TcpSmall(Context& context)
     AddRatio(context, "tcp_small", "messages/s, worker / direct", worker, Find(variants, kLib), false, 10.0);
     AddRatio(context, "tcp_small", "messages/s, worker with profiling / worker",
              Find(variants, "library worker, profiling on"), worker, false, 0.90);
+    context.workerMessagesPerSecond = worker.Value();
 }
 
 // UDP checks: the fair baseline is the threaded raw loop; the blocking one
@@ -516,9 +518,33 @@ void ProfilerCosts(Context& context)
         }
     }
     // The floor under the two-thread figures: the registry lock alone.
-    AddRatio(context, "profiler", "registry lock shared hold, throughput 2 threads / 1 thread",
-             Find(variants, "registry lock shared hold, 2 threads"),
-             Find(variants, "registry lock shared hold, 1 thread"), false, 0);
+    const Variant& holds1 = Find(variants, "registry lock shared hold, 1 thread");
+    const Variant& holds2 = Find(variants, "registry lock shared hold, 2 threads");
+    AddRatio(context, "profiler", "registry lock shared hold, throughput 2 threads / 1 thread", holds2, holds1, false,
+             0);
+    // Upper bounds that the lock alone puts on the figures above, even if
+    // everything else cost nothing: a scope takes the shared mode twice (open
+    // and end), an extra once, and two threads together cannot take it more
+    // often than the bare-hold run did.
+    auto ceiling = [&context](const std::string& measure, double bound, const std::string& library,
+                              const std::string& baseline) {
+        context.checks.push_back(Check{"profiler", measure, library, baseline, bound, "", true});
+    };
+    const Variant& scope1 = Find(variants, "scope depth 1, 1 thread");
+    const Variant& extra1 = Find(variants, "extra depth 1, 1 thread");
+    ceiling("scope depth 1, 2 threads / 1 thread, at most (registry lock)", holds2.Value() / 2 / scope1.Value(),
+            Format(holds2.Value() / 2), Format(scope1.Value()));
+    ceiling("extra depth 1, 2 threads / 1 thread, at most (registry lock)", holds2.Value() / extra1.Value(),
+            Format(holds2.Value()), Format(extra1.Value()));
+    if (context.workerMessagesPerSecond > 0) {
+        // Every worker-mode flush records "TCP TX", so with profiling on it
+        // pays at least one bare shared hold on top of its own cost.
+        const double flushNs = 1e9 / context.workerMessagesPerSecond;
+        const double holdNs = 1e9 / holds1.Value();
+        context.checks.push_back(
+            Check{"tcp_small", "worker with profiling / worker, at most (one shared hold per flush)",
+                  Format(flushNs, 1) + " ns", Format(holdNs, 1) + " ns", flushNs / (flushNs + holdNs), "", true});
+    }
 }
 
 void PrintSummary(const Context& context)
