@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -278,7 +279,9 @@ protected:
 
 class RawTcpBulkPeer : public RawTcpPeer {
 public:
-    explicit RawTcpBulkPeer(const Counts& counts) : _source(counts.bulkChunk, 0x5a)
+    // With `copy`, every chunk is first copied into a buffer of its own and
+    // sent from there, as a stream's Write + Flush must do.
+    RawTcpBulkPeer(const Counts& counts, bool copy) : _copy(copy), _source(counts.bulkChunk, 0x5a)
     {
         _receiver = std::make_unique<Background>([this] {
             std::vector<unsigned char> chunk(_source.size());
@@ -297,7 +300,13 @@ public:
         const std::int64_t start = NowNs();
         for (int i = 0; i < units; ++i) {
             StampChunk(_source.data(), _sent++);
-            raw::SendAll(_client, _source.data(), _source.size());
+            if (_copy) {
+                _staging.assign(_source.begin(), _source.end());
+                raw::SendAll(_client, _staging.data(), _staging.size());
+                _staging.clear();
+            } else {
+                raw::SendAll(_client, _source.data(), _source.size());
+            }
         }
         const std::int64_t end = _progress.Wait("tcp_bulk", [this] { raw::PushTail(_client); });
         return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
@@ -305,8 +314,10 @@ public:
     }
 
 private:
+    bool _copy;
     std::uint64_t _sent = 0;
     std::vector<unsigned char> _source;
+    std::vector<unsigned char> _staging;
 };
 
 class RawTcpSmallPeer : public RawTcpPeer {
@@ -413,13 +424,22 @@ private:
     std::unique_ptr<Background> _receiver;
 };
 
+// With `libraryCalls`, each side makes the calls the library's design
+// prescribes on top of the bare ones: the server polls before every accept,
+// the client looks its host text up before it connects.
 class RawTcpAcceptPeer : public BlockPeer {
 public:
-    RawTcpAcceptPeer()
+    explicit RawTcpAcceptPeer(bool libraryCalls) : _libraryCalls(libraryCalls)
     {
         _listener = raw::TcpListen(_port);
         _server = std::make_unique<Background>([this] {
             for (;;) {
+                if (_libraryCalls) {
+                    pollfd entry{_listener, POLLIN, 0};
+                    if (::poll(&entry, 1, kPollMs) == 0) {
+                        continue;
+                    }
+                }
                 const int fd = AcceptOne(_listener);
                 ::close(fd);
                 if (_stopping.load()) {
@@ -444,6 +464,9 @@ public:
         _progress.Expect(_sent);
         const std::int64_t start = NowNs();
         for (int i = 0; i < units; ++i) {
+            if (_libraryCalls) {
+                LookUpLoopback();
+            }
             ::close(raw::TcpConnect(_port));
         }
         const std::int64_t end = _progress.Wait("tcp_accept");
@@ -452,6 +475,19 @@ public:
     }
 
 private:
+    static void LookUpLoopback()
+    {
+        hostent entry{};
+        hostent* result = nullptr;
+        char scratch[1024];
+        int error = 0;
+        if (::gethostbyname2_r("127.0.0.1", AF_INET, &entry, scratch, sizeof(scratch), &result, &error) != 0 ||
+            result == nullptr) {
+            throw RunFailed("tcp_accept: lookup of 127.0.0.1 failed");
+        }
+    }
+
+    bool _libraryCalls;
     unsigned short _port = 0;
     int _listener = -1;
     std::int64_t _sent = 0;
@@ -462,13 +498,16 @@ private:
 
 } // namespace
 
-std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts) { return std::make_unique<RawTcpBulkPeer>(counts); }
+std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts, bool copy)
+{
+    return std::make_unique<RawTcpBulkPeer>(counts, copy);
+}
 std::unique_ptr<BlockPeer> RawTcpSmall(int block) { return std::make_unique<RawTcpSmallPeer>(block); }
 std::unique_ptr<BlockPeer> RawUdpRateThreaded(std::size_t size) { return std::make_unique<RawUdpRatePeer>(size, true); }
 std::unique_ptr<BlockPeer> RawUdpRateBlocking(std::size_t size)
 {
     return std::make_unique<RawUdpRatePeer>(size, false);
 }
-std::unique_ptr<BlockPeer> RawTcpAccept() { return std::make_unique<RawTcpAcceptPeer>(); }
+std::unique_ptr<BlockPeer> RawTcpAccept(bool libraryCalls) { return std::make_unique<RawTcpAcceptPeer>(libraryCalls); }
 
 } // namespace bench

@@ -49,7 +49,7 @@ std::unique_ptr<BlockPeer> LibTcpAccept(bool profiling);
 
 // Plain POSIX code doing the same work with the same socket options.
 std::unique_ptr<RttPeer> RawTcpRtt(const Counts& counts);
-std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts);
+std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts, bool copy);
 std::unique_ptr<BlockPeer> RawTcpSmall(int block);
 // "Threaded": receive threads that poll for up to 100 ms, then receive one
 // datagram, with the client's reply handed to the waiting thread, as the
@@ -58,7 +58,7 @@ std::unique_ptr<RttPeer> RawUdpRttThreaded(const Counts& counts);
 std::unique_ptr<RttPeer> RawUdpRttBlocking(const Counts& counts);
 std::unique_ptr<BlockPeer> RawUdpRateThreaded(std::size_t size);
 std::unique_ptr<BlockPeer> RawUdpRateBlocking(std::size_t size);
-std::unique_ptr<BlockPeer> RawTcpAccept();
+std::unique_ptr<BlockPeer> RawTcpAccept(bool libraryCalls);
 
 #if ORVUN_BENCH_ASIO
 // Boost.Asio's synchronous sockets. Its UDP peers receive on a thread of
