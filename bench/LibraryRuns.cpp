@@ -24,31 +24,6 @@ namespace {
 
 const char* const kHost = "127.0.0.1";
 
-// Profiling switched on, with a scope open on the calling thread, for the
-// lifetime of the object; nothing at all when `on` is false.
-class ProfilingSession {
-public:
-    ProfilingSession(bool on, const char* scope)
-    {
-        if (on) {
-            Profiler::SetEnabled(true);
-            _scope.emplace(scope, true);
-        }
-    }
-    ProfilingSession(const ProfilingSession&) = delete;
-    ProfilingSession& operator=(const ProfilingSession&) = delete;
-    ~ProfilingSession()
-    {
-        if (_scope) {
-            _scope.reset();
-            Profiler::SetEnabled(false);
-        }
-    }
-
-private:
-    std::optional<Profiler> _scope;
-};
-
 } // namespace
 
 namespace {

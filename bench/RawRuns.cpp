@@ -320,9 +320,11 @@ private:
     std::vector<unsigned char> _staging;
 };
 
+// With `recordExtra`, profiling is on and every send is preceded by the
+// profiler extra a library flush records: what that extra alone costs.
 class RawTcpSmallPeer : public RawTcpPeer {
 public:
-    explicit RawTcpSmallPeer(int block)
+    RawTcpSmallPeer(int block, bool recordExtra) : _recordExtra(recordExtra)
     {
         _receiver = std::make_unique<Background>([this, block] {
             std::vector<unsigned char> chunk(std::size_t{4096} * 16);
@@ -346,11 +348,15 @@ public:
 
     BlockResult Block(int units) override
     {
+        ProfilingSession session(_recordExtra, "bench tcp_small");
         _progress.Expect(static_cast<std::int64_t>(_sent) + units);
         unsigned char message[16];
         const std::int64_t start = NowNs();
         for (int i = 0; i < units; ++i) {
             FillMessage(message, _sent++);
+            if (_recordExtra) {
+                orvun::cpu::Profiler::Extra("TCP TX", static_cast<double>(sizeof(message)));
+            }
             // One send per message, as a direct-mode flush does.
             if (::send(_client, message, sizeof(message), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(message))) {
                 throw RunFailed("tcp_small: send failed");
@@ -362,6 +368,7 @@ public:
     }
 
 private:
+    bool _recordExtra;
     std::uint64_t _sent = 0;
 };
 
@@ -502,7 +509,10 @@ std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts, bool copy)
 {
     return std::make_unique<RawTcpBulkPeer>(counts, copy);
 }
-std::unique_ptr<BlockPeer> RawTcpSmall(int block) { return std::make_unique<RawTcpSmallPeer>(block); }
+std::unique_ptr<BlockPeer> RawTcpSmall(int block, bool recordExtra)
+{
+    return std::make_unique<RawTcpSmallPeer>(block, recordExtra);
+}
 std::unique_ptr<BlockPeer> RawUdpRateThreaded(std::size_t size) { return std::make_unique<RawUdpRatePeer>(size, true); }
 std::unique_ptr<BlockPeer> RawUdpRateBlocking(std::size_t size)
 {

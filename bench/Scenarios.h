@@ -6,8 +6,11 @@
 
 #include "Harness.h"
 
+#include "cpu/Profiler.h"
+
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace bench {
@@ -33,6 +36,31 @@ public:
     virtual BlockResult Block(int units) = 0;
 };
 
+// Profiling switched on, with a scope open on the calling thread, for the
+// lifetime of the object; nothing at all when `on` is false.
+class ProfilingSession {
+public:
+    ProfilingSession(bool on, const char* scope)
+    {
+        if (on) {
+            orvun::cpu::Profiler::SetEnabled(true);
+            _scope.emplace(scope, true);
+        }
+    }
+    ProfilingSession(const ProfilingSession&) = delete;
+    ProfilingSession& operator=(const ProfilingSession&) = delete;
+    ~ProfilingSession()
+    {
+        if (_scope) {
+            _scope.reset();
+            orvun::cpu::Profiler::SetEnabled(false);
+        }
+    }
+
+private:
+    std::optional<orvun::cpu::Profiler> _scope;
+};
+
 // The library. With `profiling` the profiler is switched on and a scope is
 // open on the sending thread while the peer runs.
 std::unique_ptr<RttPeer> LibTcpRtt(const Counts& counts, bool profiling);
@@ -50,7 +78,7 @@ std::unique_ptr<BlockPeer> LibTcpAccept(bool profiling);
 // Plain POSIX code doing the same work with the same socket options.
 std::unique_ptr<RttPeer> RawTcpRtt(const Counts& counts);
 std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts, bool copy);
-std::unique_ptr<BlockPeer> RawTcpSmall(int block);
+std::unique_ptr<BlockPeer> RawTcpSmall(int block, bool recordExtra);
 // "Threaded": receive threads that poll for up to 100 ms, then receive one
 // datagram, with the client's reply handed to the waiting thread, as the
 // library does. "Blocking": plain blocking receive calls.
