@@ -1,21 +1,31 @@
-// Helpers shared by the tests: raw loopback peers, bounded waits, and
-// counts of descriptors and threads.
+// Helpers shared by the tests: raw loopback peers, bounded waits, probes of
+// this process's descriptors and threads, and copies of the profiler's tables.
 #pragma once
 
 #include <arpa/inet.h>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
 #include <dirent.h>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <poll.h>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,6 +35,7 @@
 namespace support {
 
 using Bytes = std::vector<unsigned char>;
+using orvun::cpu::Profiler;
 
 // Polls `done` every millisecond until it holds or `limit` passes.
 inline bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
@@ -39,22 +50,77 @@ inline bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds
     return true;
 }
 
-inline size_t CountEntries(const char* directory)
+template <typename Action> std::chrono::steady_clock::duration TimeOf(Action&& action)
 {
-    size_t count = 0;
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    return std::chrono::steady_clock::now() - start;
+}
+
+// what() of the `Error` that `action` throws, or a marker saying it threw something else or nothing.
+template <typename Error, typename Action> std::string MessageOf(Action&& action)
+{
+    try {
+        action();
+    } catch (const Error& e) {
+        return e.what();
+    } catch (...) {
+        return "<another exception>";
+    }
+    return "<no exception>";
+}
+
+// Items a library thread hands over, for the test thread to take within a bound.
+template <typename T> class Queue {
+public:
+    void Push(T item)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _items.push_back(std::move(item));
+        ++_pushed;
+        _condition.notify_all();
+    }
+    std::optional<T> Take(std::chrono::milliseconds limit = std::chrono::seconds(10))
+    {
+        std::unique_lock<std::mutex> lock(_mutex);
+        if (!_condition.wait_for(lock, limit, [this] { return !_items.empty(); })) {
+            return std::nullopt;
+        }
+        T item = std::move(_items.front());
+        _items.pop_front();
+        return item;
+    }
+    size_t Pushed()
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _pushed;
+    }
+
+private:
+    std::mutex _mutex;
+    std::condition_variable _condition;
+    std::deque<T> _items;
+    size_t _pushed = 0;
+};
+
+// The entries of a /proc directory, "." and ".." left out, and in
+// /proc/self/fd the descriptor that reads the directory too.
+inline std::vector<std::string> Entries(const char* directory)
+{
+    std::vector<std::string> names;
     if (DIR* dir = opendir(directory)) {
+        const std::string own = std::string(directory) == "/proc/self/fd" ? std::to_string(dirfd(dir)) : "";
         while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.') {
-                ++count;
+            if (entry->d_name[0] != '.' && entry->d_name != own) {
+                names.emplace_back(entry->d_name);
             }
         }
         closedir(dir);
     }
-    return count;
+    return names;
 }
 
-// Open descriptors of this process (the directory's own included, always).
-inline size_t OpenDescriptors() { return CountEntries("/proc/self/fd"); }
+inline size_t OpenDescriptors() { return Entries("/proc/self/fd").size(); }
 // The first thread a process starts can bring a runtime thread of its own
 // (ThreadSanitizer's), so one is started and joined before the first count.
 inline size_t ThreadCount()
@@ -64,29 +130,23 @@ inline size_t ThreadCount()
         return true;
     }();
     static_cast<void>(warmedUp);
-    return CountEntries("/proc/self/task");
+    return Entries("/proc/self/task").size();
 }
 
-// The names (comm) of this process's threads.
-inline std::multiset<std::string> ThreadNames()
+// Kernel ids of this process's threads whose name (comm) is `name`.
+inline std::vector<pid_t> ThreadsNamed(const std::string& name)
 {
-    std::multiset<std::string> names;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] == '.') {
-                continue;
-            }
-            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            std::string name;
-            std::getline(comm, name);
-            names.insert(name);
+    std::vector<pid_t> found;
+    for (const std::string& task : Entries("/proc/self/task")) {
+        std::ifstream comm("/proc/self/task/" + task + "/comm");
+        std::string text;
+        if (std::getline(comm, text) && text == name) {
+            found.push_back(static_cast<pid_t>(std::atoi(task.c_str())));
         }
-        closedir(dir);
     }
-    return names;
+    return found;
 }
-
-inline bool HasThreadNamed(const std::string& name) { return ThreadNames().count(name) != 0; }
+inline bool HasThreadNamed(const std::string& name) { return !ThreadsNamed(name).empty(); }
 
 inline Bytes RandomBytes(size_t size, unsigned seed = 12345)
 {
@@ -99,6 +159,24 @@ inline Bytes RandomBytes(size_t size, unsigned seed = 12345)
 }
 
 inline Bytes ToBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+template <typename Stream> void Put(Stream& stream, const Bytes& bytes) { stream.Write(bytes.data(), bytes.size()); }
+
+template <typename Stream> Bytes Buffered(const Stream& stream)
+{
+    const unsigned long size = stream.GetBufferSize();
+    return size == 0 ? Bytes{} : Bytes(stream.GetBufferData(), stream.GetBufferData() + size);
+}
+
+// The loopback address of a family: the text given to the library, which is
+// also the text it reports.
+struct Family {
+    bool ipv6;
+    const char* host;
+};
+inline const Family kFamilies[] = {{false, "127.0.0.1"}, {true, "::1"}};
+inline std::string FamilyName(const testing::TestParamInfo<Family>& info) { return info.param.ipv6 ? "IPv6" : "IPv4"; }
+inline void PrintTo(const Family& family, std::ostream* out) { *out << family.host; }
 
 // A raw descriptor closed by its destructor.
 class Fd {
@@ -144,24 +222,38 @@ inline sockaddr_storage Loopback(bool ipv6, unsigned short port, socklen_t& leng
     return storage;
 }
 
-inline unsigned short LocalPort(int fd)
+// A socket of the family, bound to loopback:`port` (0: the system chooses)
+// when `bound` says so; none when that bind fails.
+inline Fd RawSocket(bool ipv6, int type, bool bound = false, unsigned short port = 0)
+{
+    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    if (bound && ::bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        return Fd();
+    }
+    return fd;
+}
+
+// The local (or with `peer`, the remote) port of a socket; 0 without one.
+inline unsigned short PortOf(int fd, bool peer = false)
 {
     sockaddr_storage storage{};
     socklen_t length = sizeof(storage);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length);
+    if ((peer ? getpeername : getsockname)(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
+        return 0;
+    }
     return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
 }
 
 // A raw listening TCP socket on loopback, on a port the system chose.
 inline Fd RawTcpListener(bool ipv6, unsigned short& port)
 {
-    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    socklen_t length;
-    auto address = Loopback(ipv6, 0, length);
-    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd.Get(), 64) != 0) {
+    Fd fd = RawSocket(ipv6, SOCK_STREAM, true);
+    if (fd.Get() < 0 || listen(fd.Get(), 64) != 0) {
         ADD_FAILURE() << "raw TCP listener failed";
     }
-    port = LocalPort(fd.Get());
+    port = PortOf(fd.Get());
     return fd;
 }
 
@@ -176,49 +268,61 @@ inline Fd AcceptWithin(int listener, std::chrono::milliseconds limit = std::chro
     return Fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
-inline Fd RawTcpConnect(bool ipv6, unsigned short port)
+// 0 when a raw TCP connect to loopback:`port` succeeds, else its errno; `fd` gets the socket.
+inline int TryConnect(bool ipv6, unsigned short port, Fd* fd = nullptr)
 {
-    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Fd own = RawSocket(ipv6, SOCK_STREAM);
     socklen_t length;
     auto address = Loopback(ipv6, port, length);
-    if (connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
-        ADD_FAILURE() << "raw connect failed";
+    const int result = connect(own.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
+    if (fd != nullptr) {
+        *fd = std::move(own);
     }
+    return result;
+}
+
+inline Fd RawTcpConnect(bool ipv6, unsigned short port)
+{
+    Fd fd;
+    EXPECT_EQ(TryConnect(ipv6, port, &fd), 0) << "raw connect failed";
     return fd;
 }
 
-// Reads exactly `size` bytes with a bound on the whole wait; fewer on EOF or time-out.
+// Reads a socket or pipe until `size` bytes have come, the peer has closed
+// (or the read failed; `closed` says so) or `limit` has passed.
+inline Bytes ReadUpTo(int fd, size_t size, bool* closed, std::chrono::milliseconds limit)
+{
+    Bytes bytes;
+    bool ended = false;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!ended && bytes.size() < size && std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN, 0};
+        unsigned char chunk[65536];
+        if (poll(&entry, 1, 50) == 1) {
+            const ssize_t n = read(fd, chunk, std::min(sizeof(chunk), size - bytes.size()));
+            ended = n <= 0;
+            bytes.insert(bytes.end(), chunk, chunk + std::max<ssize_t>(n, 0));
+        }
+    }
+    if (closed != nullptr) {
+        *closed = ended;
+    }
+    return bytes;
+}
 inline Bytes ReadExactly(int fd, size_t size, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    Bytes bytes(size);
-    size_t have = 0;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (have < size) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{fd, POLLIN, 0};
-        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) != 1) {
-            break;
-        }
-        const ssize_t n = recv(fd, bytes.data() + have, size - have, 0);
-        if (n <= 0) {
-            break;
-        }
-        have += static_cast<size_t>(n);
-    }
-    bytes.resize(have);
-    return bytes;
+    return ReadUpTo(fd, size, nullptr, limit);
+}
+inline Bytes ReadUntilClosed(int fd, bool& closed, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    return ReadUpTo(fd, SIZE_MAX, &closed, limit);
 }
 
 inline void SendAll(int fd, const Bytes& bytes)
 {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
+    for (size_t sent = 0; sent < bytes.size();) {
         const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-            ADD_FAILURE() << "raw send failed";
-            return;
-        }
+        ASSERT_GT(n, 0) << "raw send failed";
         sent += static_cast<size_t>(n);
     }
 }
@@ -231,16 +335,35 @@ inline void ResetConnection(Fd& fd)
     fd.Reset();
 }
 
+// This process's connected TCP descriptor with these ports; -1 if none.
+inline int FindTcpDescriptor(unsigned short localPort, unsigned short peerPort)
+{
+    for (const std::string& entry : Entries("/proc/self/fd")) {
+        const int fd = std::atoi(entry.c_str());
+        int type = 0;
+        socklen_t length = sizeof(type);
+        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
+            PortOf(fd) == localPort && PortOf(fd, true) == peerPort) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+// Bytes received on `fd` and not read yet; -1 on failure.
+inline int QueuedBytes(int fd)
+{
+    int count = -1;
+    ioctl(fd, FIONREAD, &count);
+    return count;
+}
+
 // A raw UDP socket bound to loopback on a port the system chose.
 inline Fd RawUdp(bool ipv6, unsigned short& port)
 {
-    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    socklen_t length;
-    auto address = Loopback(ipv6, 0, length);
-    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
-        ADD_FAILURE() << "raw UDP bind failed";
-    }
-    port = LocalPort(fd.Get());
+    Fd fd = RawSocket(ipv6, SOCK_DGRAM, true);
+    EXPECT_GE(fd.Get(), 0) << "raw UDP bind failed";
+    port = PortOf(fd.Get());
     return fd;
 }
 
@@ -248,10 +371,9 @@ inline void SendDatagram(int fd, bool ipv6, unsigned short port, const Bytes& by
 {
     socklen_t length;
     auto address = Loopback(ipv6, port, length);
-    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address), length) !=
-        static_cast<ssize_t>(bytes.size())) {
-        ADD_FAILURE() << "raw sendto failed";
-    }
+    EXPECT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address), length),
+              static_cast<ssize_t>(bytes.size()))
+        << "raw sendto failed";
 }
 
 // One datagram within `limit`, with its sender's port; empty on time-out.
@@ -273,10 +395,28 @@ inline Bytes ReceiveDatagram(int fd, unsigned short* fromPort = nullptr,
     return bytes;
 }
 
+// Interrupts the poll of the thread named `thread` with a signal whose
+// handler does nothing, until `ended` holds (at most 50 tries).
+inline bool InterruptPoll(const std::string& thread, const std::function<bool()>& ended)
+{
+    struct sigaction quiet {};
+    struct sigaction previous {};
+    quiet.sa_handler = [](int) {};
+    sigemptyset(&quiet.sa_mask);
+    sigaction(SIGUSR1, &quiet, &previous);
+    std::vector<pid_t> ids;
+    WaitFor([&] { return !(ids = ThreadsNamed(thread)).empty(); });
+    for (int attempt = 0; !ids.empty() && attempt < 50 && !ended(); ++attempt) {
+        syscall(SYS_tgkill, getpid(), ids.front(), SIGUSR1);
+        WaitFor(ended, std::chrono::milliseconds(200));
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+    return ended();
+}
+
 // Clears the profiler's tables and sets its switch; call with no scope open.
 inline void ResetProfiler(bool enabled)
 {
-    using orvun::cpu::Profiler;
     Profiler::SetEnabled(enabled);
     orvun::cpu::SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
     Profiler::profiles.clear();
@@ -285,117 +425,56 @@ inline void ResetProfiler(bool enabled)
     Profiler::extras.clear();
 }
 
-} // namespace support
+// A copy of the profiler's tables, taken under the exclusive mode since
+// library threads may be updating their records.
+struct ProfilerTables {
+    using Profile = Profiler::Profile;
+    std::unordered_map<std::thread::id, std::unordered_map<std::string, Profile>> profiles;
+    std::unordered_map<std::thread::id, std::vector<std::string>> stacks;
+    std::unordered_map<std::thread::id, std::string> names;
+    std::set<std::string> extras;
 
-// Socket and thread probes: the library keeps its descriptors and threads to
-// itself, so the tests find them through /proc and the socket calls.
-#include <cerrno>
-#include <cstdlib>
-#include <sys/ioctl.h>
-
-namespace support {
-
-// The peer's port of a connected socket; 0 without one.
-inline unsigned short PeerPort(int fd)
-{
-    sockaddr_storage storage{};
-    socklen_t length = sizeof(storage);
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
-        return 0;
-    }
-    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
-}
-
-// This process's connected TCP descriptor with these ports; -1 if none.
-inline int FindTcpDescriptor(unsigned short localPort, unsigned short peerPort)
-{
-    int found = -1;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return found;
-    }
-    while (dirent* entry = readdir(dir)) {
-        const int fd = std::atoi(entry->d_name);
-        if (entry->d_name[0] == '.' || fd == dirfd(dir)) {
-            continue;
+    // The record of `path` (or its extra `extra`) on `thread`; an empty record when missing.
+    Profile Record(const std::string& path, const std::string& extra = "",
+                   std::thread::id thread = std::this_thread::get_id()) const
+    {
+        if (!profiles.contains(thread) || !profiles.at(thread).contains(path)) {
+            return {};
         }
-        int type = 0;
-        socklen_t length = sizeof(type);
-        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
-            LocalPort(fd) == localPort && PeerPort(fd) == peerPort) {
-            found = fd;
-            break;
+        const Profile& record = profiles.at(thread).at(path);
+        if (extra.empty()) {
+            return record;
         }
+        return record.extraProfiles.contains(extra) ? record.extraProfiles.at(extra) : Profile{};
     }
-    closedir(dir);
-    return found;
-}
-
-// Bytes received on `fd` and not read yet; -1 on failure.
-inline int QueuedBytes(int fd)
-{
-    int count = -1;
-    ioctl(fd, FIONREAD, &count);
-    return count;
-}
-
-inline timeval SendTimeout(int fd)
-{
-    timeval limit{-1, -1};
-    socklen_t length = sizeof(limit);
-    getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &length);
-    return limit;
-}
-
-// 0 when a raw TCP connect to loopback succeeds, else its errno.
-inline int TryConnect(bool ipv6, unsigned short port)
-{
-    Fd fd(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    socklen_t length;
-    auto address = Loopback(ipv6, port, length);
-    return connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
-}
-
-// Reads until the peer closes (or fails) or `limit` passes; `closed` says which.
-inline Bytes ReadUntilClosed(int fd, bool& closed, std::chrono::milliseconds limit = std::chrono::seconds(10))
-{
-    Bytes bytes;
-    closed = false;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd entry{fd, POLLIN, 0};
-        if (poll(&entry, 1, 50) != 1) {
-            continue;
+    std::set<std::string> Paths(std::thread::id thread = std::this_thread::get_id()) const
+    {
+        std::set<std::string> paths;
+        for (const auto& [path, record] : profiles.contains(thread) ? profiles.at(thread) : Records{}) {
+            paths.insert(path);
         }
-        unsigned char chunk[4096];
-        const ssize_t n = recv(fd, chunk, sizeof(chunk), 0);
-        if (n <= 0) {
-            closed = true;
-            break;
-        }
-        bytes.insert(bytes.end(), chunk, chunk + n);
+        return paths;
     }
-    return bytes;
+    std::vector<std::string> Stack(std::thread::id thread = std::this_thread::get_id()) const
+    {
+        return stacks.contains(thread) ? stacks.at(thread) : std::vector<std::string>{"(no stack)"};
+    }
+
+private:
+    using Records = std::unordered_map<std::string, Profile>;
+};
+inline ProfilerTables Profiles()
+{
+    orvun::cpu::SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
+    return {Profiler::profiles, Profiler::profileStacks, Profiler::threadNames, Profiler::extras};
 }
 
-// The kernel id of a thread of this process with that name; 0 if none.
-inline pid_t ThreadIdNamed(const std::string& name)
+// Count, total, min and max of a record, as one comparable text.
+inline std::string Summary(const Profiler::Profile& record)
 {
-    pid_t found = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] == '.') {
-                continue;
-            }
-            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            std::string text;
-            if (std::getline(comm, text) && text == name) {
-                found = static_cast<pid_t>(std::atoi(entry->d_name));
-            }
-        }
-        closedir(dir);
-    }
-    return found;
+    std::ostringstream text;
+    text << record.count << ' ' << record.total << ' ' << record.min << ' ' << record.max;
+    return text.str();
 }
 
 } // namespace support

@@ -2,8 +2,6 @@
 // attached to open scopes, the on/off switch and the report.
 #include "Support.h"
 
-#include <gmock/gmock.h>
-
 #include <latch>
 #include <regex>
 #include <sstream>
@@ -12,7 +10,7 @@
 
 namespace {
 
-using orvun::cpu::Profiler;
+using namespace support;
 using orvun::cpu::SharedMutex;
 using Profile = Profiler::Profile;
 using Stack = std::vector<std::string>;
@@ -23,56 +21,7 @@ static_assert(!std::is_copy_constructible_v<Profiler> && !std::is_copy_assignabl
 // Read before any test touches the switch.
 const bool kEnabledAtStart = Profiler::enabled;
 
-// A copy of the tables, taken under the shared mode.
-struct Tables {
-    std::unordered_map<std::thread::id, std::unordered_map<std::string, Profile>> profiles;
-    std::unordered_map<std::thread::id, Stack> stacks;
-    std::unordered_map<std::thread::id, std::string> names;
-    std::set<std::string> extras;
-
-    bool Empty() const { return profiles.empty() && stacks.empty() && names.empty() && extras.empty(); }
-    std::set<std::string> Paths(std::thread::id id = std::this_thread::get_id()) const
-    {
-        std::set<std::string> paths;
-        if (profiles.contains(id)) {
-            for (const auto& [path, record] : profiles.at(id)) {
-                paths.insert(path);
-            }
-        }
-        return paths;
-    }
-};
-Tables Snapshot()
-{
-    SharedMutex::SharedHold hold(Profiler::profilesMutex);
-    return {Profiler::profiles, Profiler::profileStacks, Profiler::threadNames, Profiler::extras};
-}
-Stack MyStack()
-{
-    const Tables tables = Snapshot();
-    auto found = tables.stacks.find(std::this_thread::get_id());
-    return found == tables.stacks.end() ? Stack{"(no stack)"} : found->second;
-}
-Profile Record(const std::string& path, const std::string& extra = "", std::thread::id id = std::this_thread::get_id())
-{
-    const Tables tables = Snapshot();
-    if (!tables.profiles.contains(id) || !tables.profiles.at(id).contains(path)) {
-        ADD_FAILURE() << "no record at " << path;
-        return {};
-    }
-    const Profile& record = tables.profiles.at(id).at(path);
-    if (extra.empty()) {
-        return record;
-    }
-    auto found = record.extraProfiles.find(extra);
-    return found == record.extraProfiles.end() ? Profile{} : found->second;
-}
-
-MATCHER_P4(Stats, count, total, min, max, "")
-{
-    *result_listener << "count " << arg.count << " total " << arg.total << " min " << arg.min << " max " << arg.max;
-    return arg.count == count && arg.total == total && arg.min == min && arg.max == max;
-}
+Stack MyStack() { return Profiles().Stack(); }
 
 // Clears shared holds that nobody gave back, so that a failing test does not
 // hang every later exclusive request. Call with no other thread busy.
@@ -84,18 +33,9 @@ int TakeBackLeakedHolds()
 
 class ProfilerTest : public testing::Test {
 protected:
-    void SetUp() override { support::ResetProfiler(true); }
-    void TearDown() override { support::ResetProfiler(false); }
+    void SetUp() override { ResetProfiler(true); }
+    void TearDown() override { ResetProfiler(false); }
 };
-
-TEST(ProfilerSwitchTest, RecordingIsOffUntilSwitchedOn)
-{
-    EXPECT_FALSE(kEnabledAtStart);
-    Profiler::SetEnabled(true);
-    EXPECT_TRUE(Profiler::IsEnabled());
-    Profiler::SetEnabled(false);
-    EXPECT_FALSE(Profiler::enabled);
-}
 
 TEST_F(ProfilerTest, NestedScopesRecordUnderTheirPaths)
 {
@@ -106,27 +46,39 @@ TEST_F(ProfilerTest, NestedScopesRecordUnderTheirPaths)
             Profiler b("B");
             Profiler untimed("C", false);
             EXPECT_EQ(MyStack(), (Stack{"A", "B", "C"}));
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         Profiler unnamed("");
         EXPECT_EQ(MyStack(), (Stack{"A", ""}));
     }
-    {
+    for (int ms : {5, 3}) {
         Profiler b("B");
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     }
-    EXPECT_EQ(MyStack(), Stack{});
-    EXPECT_EQ(Snapshot().Paths(), (std::set<std::string>{"A", "A/B", "A/B/C", "A/", "B"}));
-    for (const char* path : {"A", "A/B", "A/", "B"}) {
-        EXPECT_EQ(Record(path).count, 1) << path;
+    const ProfilerTables tables = Profiles();
+    EXPECT_EQ(tables.Stack(), Stack{});
+    EXPECT_EQ(tables.Paths(), (std::set<std::string>{"A", "A/B", "A/B/C", "A/", "B"}));
+    for (const char* path : {"A", "A/B", "A/"}) {
+        EXPECT_EQ(tables.Record(path).count, 1) << path;
     }
-    EXPECT_THAT(Record("A/B/C"), Stats(0, 0.0, -1.0, 0.0));
+    EXPECT_EQ(Summary(tables.Record("A/B/C")), "0 0 -1 0");
+    // Timed runs accumulate; wall-clock samples, so loose bounds only.
+    const Profile timed = tables.Record("B");
+    EXPECT_EQ(timed.count, 2);
+    EXPECT_GE(timed.min, 2.0);
+    EXPECT_GE(timed.max, 4.0);
+    EXPECT_LT(timed.max, 5000.0);
+    EXPECT_DOUBLE_EQ(timed.total, timed.min + timed.max);
 }
 
+// Off until switched on; the switch only affects scopes opened later, and
+// names are kept whatever it says.
 TEST_F(ProfilerTest, SwitchOnlyAffectsScopesOpenedLater)
 {
+    EXPECT_FALSE(kEnabledAtStart);
     {
         Profiler open("Open");
         Profiler::SetEnabled(false);
+        EXPECT_FALSE(Profiler::IsEnabled());
         {
             Profiler inert("Inert");
             Profiler::Extra("off", 1.0);
@@ -136,34 +88,26 @@ TEST_F(ProfilerTest, SwitchOnlyAffectsScopesOpenedLater)
         EXPECT_EQ(MyStack(), Stack{"Open"});
         Profiler::SetEnabled(false);
     } // still records and pops
-    EXPECT_EQ(MyStack(), Stack{});
-    EXPECT_EQ(Snapshot().Paths(), std::set<std::string>{"Open"});
-    EXPECT_EQ(Record("Open").count, 1);
-    EXPECT_TRUE(Record("Open").extraProfiles.empty());
+    ProfilerTables tables = Profiles();
+    EXPECT_EQ(tables.Stack(), Stack{});
+    EXPECT_EQ(tables.Paths(), std::set<std::string>{"Open"});
+    EXPECT_EQ(tables.Record("Open").count, 1);
+    EXPECT_TRUE(tables.Record("Open").extraProfiles.empty());
 
-    support::ResetProfiler(false);
+    ResetProfiler(false);
     std::thread([] {
         Profiler a("A");
         Profiler b("B", false);
         Profiler::Extra("UDP RX", 1.0);
         b.Stop();
+        Profiler::SetThreadName("other");
     }).join();
-    EXPECT_TRUE(Snapshot().Empty());
-}
-
-TEST_F(ProfilerTest, TimedRunsAccumulate)
-{
-    for (int ms : {5, 3}) {
-        Profiler scope("Sleep");
-        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    }
-    const Profile record = Record("Sleep");
-    EXPECT_EQ(record.count, 2);
-    // Wall-clock samples: loose bounds only.
-    EXPECT_GE(record.min, 2.0);
-    EXPECT_GE(record.max, 4.0);
-    EXPECT_LT(record.max, 5000.0);
-    EXPECT_DOUBLE_EQ(record.total, record.min + record.max);
+    Profiler::SetThreadName("first");
+    Profiler::SetThreadName("second"); // replaces the first
+    tables = Profiles();
+    EXPECT_TRUE(tables.profiles.empty() && tables.stacks.empty() && tables.extras.empty());
+    EXPECT_EQ(tables.names.size(), 2u);
+    EXPECT_EQ(tables.names.at(std::this_thread::get_id()), "second");
 }
 
 TEST_F(ProfilerTest, OnlyTheFirstStopEndsTheScope)
@@ -177,85 +121,59 @@ TEST_F(ProfilerTest, OnlyTheFirstStopEndsTheScope)
         Profiler::Extra("bytes", 5.0);
     } // the destructor stops once more
     EXPECT_EQ(MyStack(), Stack{"Outer"});
-    EXPECT_EQ(Record("Outer/Inner").count, 1);
-    EXPECT_TRUE(Record("Outer/Inner").extraProfiles.empty());
-    EXPECT_EQ(Record("Outer", "bytes").count, 1);
+    EXPECT_EQ(Profiles().Record("Outer/Inner").count, 1);
+    EXPECT_TRUE(Profiles().Record("Outer/Inner").extraProfiles.empty());
+    EXPECT_EQ(Profiles().Record("Outer", "bytes").count, 1);
     outer.Stop();
     outer.Stop();
     EXPECT_EQ(MyStack(), Stack{});
-    EXPECT_EQ(Record("Outer").count, 1);
+    EXPECT_EQ(Profiles().Record("Outer").count, 1);
 }
 
-TEST_F(ProfilerTest, SecondThreadNameReplacesTheFirst)
+TEST(ProfileAddTest, KeepsCountTotalMinAndMax)
 {
-    support::ResetProfiler(false); // naming ignores the switch
-    Profiler::SetThreadName("first");
-    Profiler::SetThreadName("second");
-    std::thread([] { Profiler::SetThreadName("other"); }).join();
-    const Tables tables = Snapshot();
-    EXPECT_EQ(tables.names.size(), 2u);
-    EXPECT_EQ(tables.names.at(std::this_thread::get_id()), "second");
-}
-
-struct AddCase {
-    std::vector<double> samples;
-    int count;
-    double total, min, max;
-};
-void PrintTo(const AddCase& c, std::ostream* out) { *out << testing::PrintToString(c.samples); }
-
-class ProfileAddTest : public testing::TestWithParam<AddCase> {};
-
-TEST_P(ProfileAddTest, KeepsCountTotalMinAndMax)
-{
-    const AddCase& c = GetParam();
-    Profile record;
-    for (double sample : c.samples) {
-        record.Add(sample);
+    const std::pair<std::vector<double>, const char*> cases[] = {
+        {{}, "0 0 -1 0"},
+        {{5.0, 3.0}, "2 8 3 5"},
+        {{100.0, 50.0}, "2 150 50 100"},
+        {{0.0, 2.0}, "2 2 0 2"},
+        {{-2.0, -5.0}, "2 -7 -5 0"},
+        {{-1.0, 4.0}, "2 3 4 4"}, // -1.0 reads as "no sample yet", so the next one becomes the min
+    };
+    for (const auto& [samples, summary] : cases) {
+        Profile record;
+        for (double sample : samples) {
+            record.Add(sample);
+        }
+        EXPECT_EQ(Summary(record), summary) << testing::PrintToString(samples);
     }
-    EXPECT_THAT(record, Stats(c.count, c.total, c.min, c.max));
 }
 
-INSTANTIATE_TEST_SUITE_P(Samples, ProfileAddTest,
-                         testing::Values(AddCase{{}, 0, 0.0, -1.0, 0.0}, AddCase{{5.0, 3.0}, 2, 8.0, 3.0, 5.0},
-                                         AddCase{{100.0, 50.0}, 2, 150.0, 50.0, 100.0},
-                                         AddCase{{0.0, 2.0}, 2, 2.0, 0.0, 2.0},
-                                         AddCase{{-2.0, -5.0}, 2, -7.0, -5.0, 0.0},
-                                         // -1.0 reads as "no sample yet", so the next one becomes the min.
-                                         AddCase{{-1.0, 4.0}, 2, 3.0, 4.0, 4.0}));
-
+// Extras reach every scope open on the calling thread, and only those; a
+// thread that never opened a scope records nothing, not even the name.
 TEST_F(ProfilerTest, ExtrasReachEveryOpenScope)
 {
+    std::thread([] { Profiler::Extra("stranger", 1.0); }).join();
+    EXPECT_TRUE(Profiles().profiles.empty() && Profiles().extras.empty());
     {
         Profiler a("A");
         {
             Profiler b("B");
             Profiler::Extra("UDP TX", 100.0);
-            EXPECT_THAT(Record("A", "UDP TX"), Stats(1, 100.0, 100.0, 100.0));
-            EXPECT_THAT(Record("A/B", "UDP TX"), Stats(1, 100.0, 100.0, 100.0));
+            EXPECT_EQ(Summary(Profiles().Record("A", "UDP TX")), "1 100 100 100");
+            EXPECT_EQ(Summary(Profiles().Record("A/B", "UDP TX")), "1 100 100 100");
         }
         Profiler::Extra("UDP TX", 50.0);
         Profiler::Extra("TCP TX", -3.0);
     }
-    EXPECT_THAT(Record("A", "UDP TX"), Stats(2, 150.0, 50.0, 100.0));
-    EXPECT_THAT(Record("A/B", "UDP TX"), Stats(1, 100.0, 100.0, 100.0));
-    EXPECT_THAT(Record("A", "TCP TX"), Stats(1, -3.0, -3.0, 0.0));
-    EXPECT_TRUE(Record("A", "UDP TX").extraProfiles.empty());
-    EXPECT_EQ(Snapshot().extras, (std::set<std::string>{"TCP TX", "UDP TX"}));
-}
-
-TEST_F(ProfilerTest, ExtrasTableTakesNamesOnlyFromRegisteredThreads)
-{
-    std::thread([] { Profiler::Extra("stranger", 1.0); }).join();
-    EXPECT_TRUE(Snapshot().Empty());
-
-    {
-        Profiler scope("A");
-    }
     Profiler::Extra("late", 3.0); // registered, but no scope open now
-    EXPECT_EQ(Snapshot().extras, std::set<std::string>{"late"});
-    EXPECT_EQ(Snapshot().Paths(), std::set<std::string>{"A"});
-    EXPECT_TRUE(Record("A").extraProfiles.empty());
+    const ProfilerTables tables = Profiles();
+    EXPECT_EQ(Summary(tables.Record("A", "UDP TX")), "2 150 50 100");
+    EXPECT_EQ(Summary(tables.Record("A/B", "UDP TX")), "1 100 100 100");
+    EXPECT_EQ(Summary(tables.Record("A", "TCP TX")), "1 -3 -3 0");
+    EXPECT_TRUE(tables.Record("A", "UDP TX").extraProfiles.empty());
+    EXPECT_EQ(tables.extras, (std::set<std::string>{"TCP TX", "UDP TX", "late"}));
+    EXPECT_EQ(tables.Paths(), (std::set<std::string>{"A", "A/B"}));
 }
 
 // A failure inside Extra must give back its shared hold, or every later
@@ -269,7 +187,7 @@ TEST_F(ProfilerTest, FailedExtraGivesTheLockBack)
     }
     EXPECT_THROW(Profiler::Extra("bytes", 7.0), std::out_of_range);
     EXPECT_EQ(TakeBackLeakedHolds(), 0);
-    EXPECT_THAT(Record("A", "bytes"), Stats(1, 7.0, 7.0, 7.0)); // the outer level was reached first
+    EXPECT_EQ(Summary(Profiles().Record("A", "bytes")), "1 7 7 7"); // the outer level was reached first
     {
         SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
         Profiler::profileStacks.erase(std::this_thread::get_id());
@@ -277,7 +195,7 @@ TEST_F(ProfilerTest, FailedExtraGivesTheLockBack)
     EXPECT_THROW(Profiler::Extra("bytes", 7.0), std::out_of_range);
     EXPECT_EQ(TakeBackLeakedHolds(), 0);
     std::thread([] { Profiler::SetThreadName("still works"); }).join();
-    EXPECT_EQ(Record("A", "bytes").count, 1);
+    EXPECT_EQ(Profiles().Record("A", "bytes").count, 1);
 }
 
 // The numbers on the report line for `label` (a path or an extra name).
@@ -348,51 +266,6 @@ TEST_F(ProfilerTest, ReportListsThreadsPathsAndExtrasInSortedOrder)
     EXPECT_EQ(NumbersOnLine(report, "fixed"), (std::vector<double>{2, 6, 2, 4, 3})); // count total min max mean
     EXPECT_EQ(NumbersOnLine(report, "Aa"), (std::vector<double>{1, 2}));             // count total
     EXPECT_EQ(NumbersOnLine(report, "Zz"), (std::vector<double>{1, 1}));
-}
-
-// Threads with the same scope and extra names, at once, with reports read
-// meanwhile: each keeps exact records of its own.
-TEST_F(ProfilerTest, ConcurrentThreadsKeepExactRecordsOfTheirOwn)
-{
-    constexpr int kThreads = 6;
-    constexpr int kRounds = 300;
-    std::vector<std::thread::id> ids(kThreads);
-    std::latch alive(kThreads + 1);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ids[static_cast<size_t>(t)] = std::this_thread::get_id();
-            Profiler::SetThreadName("worker" + std::to_string(t));
-            for (int round = 0; round < kRounds; ++round) {
-                Profiler outer("Outer", round % 2 == 0);
-                Profiler::Extra("bytes", 1.0);
-                Profiler inner("Inner");
-                Profiler::Extra("bytes", 2.0);
-                Profiler::Extra("own" + std::to_string(t), 1.0);
-            }
-            alive.arrive_and_wait();
-        });
-    }
-    for (int i = 0; i < 20; ++i) {
-        std::ostringstream report;
-        Profiler::Report(report);
-    }
-    alive.arrive_and_wait();
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    const Tables tables = Snapshot();
-    EXPECT_EQ(tables.profiles.size(), static_cast<size_t>(kThreads));
-    EXPECT_EQ(tables.names.size(), static_cast<size_t>(kThreads));
-    EXPECT_EQ(tables.extras.size(), kThreads + 1u);
-    for (const std::thread::id id : ids) {
-        EXPECT_EQ(tables.Paths(id), (std::set<std::string>{"Outer", "Outer/Inner"}));
-        EXPECT_EQ(Record("Outer", "", id).count, kRounds / 2);
-        EXPECT_EQ(Record("Outer/Inner", "", id).count, kRounds);
-        EXPECT_THAT(Record("Outer", "bytes", id), Stats(2 * kRounds, 3.0 * kRounds, 1.0, 2.0));
-        EXPECT_THAT(Record("Outer/Inner", "bytes", id), Stats(kRounds, 2.0 * kRounds, 2.0, 2.0));
-        EXPECT_EQ(tables.stacks.at(id), Stack{});
-    }
 }
 
 } // namespace

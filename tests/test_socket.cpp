@@ -12,17 +12,10 @@
 
 namespace {
 
+using namespace orvun::net;
+using namespace support;
 using orvun::filesystem::Stream;
 using orvun::filesystem::StreamIsWriteOnly;
-using orvun::net::ResolveError;
-using orvun::net::Socket;
-using orvun::net::SocketError;
-using orvun::net::TcpListener;
-using orvun::net::TcpSocket;
-using orvun::net::UdpListener;
-using orvun::net::UdpSocket;
-using support::Bytes;
-using support::Fd;
 
 static_assert(std::is_base_of_v<Stream, Socket>);
 static_assert(!std::is_copy_constructible_v<Socket> && !std::is_copy_assignable_v<Socket>);
@@ -31,6 +24,8 @@ static_assert(!std::is_copy_constructible_v<TcpSocket> && !std::is_move_construc
 static_assert(!std::is_copy_assignable_v<TcpSocket> && !std::is_move_assignable_v<TcpSocket>);
 static_assert(!std::is_copy_constructible_v<TcpListener> && !std::is_move_constructible_v<TcpListener>);
 static_assert(!std::is_copy_assignable_v<TcpListener> && !std::is_move_assignable_v<TcpListener>);
+// The accepting constructor is the listener's alone.
+static_assert(!std::is_constructible_v<TcpSocket, int, std::shared_ptr<sockaddr>, bool>);
 // A copy of a UDP socket is its reply socket; nothing is ever assigned.
 static_assert(std::is_copy_constructible_v<UdpSocket> && !std::is_copy_assignable_v<UdpSocket>);
 static_assert(!std::is_move_assignable_v<UdpSocket>);
@@ -54,7 +49,6 @@ public:
     const std::shared_ptr<sockaddr>& Record() const { return _remoteAddress; }
     bool IsIPv6() const { return _isIPv6; }
     int Descriptor() const { return _socket; }
-    const std::vector<unsigned char>& Buffer() const { return _buffer; }
     void Adopt(int descriptor) { _socket = descriptor; }
 };
 
@@ -66,138 +60,95 @@ Bytes RecordBytes(const sockaddr* record, bool ipv6)
     return Bytes(bytes, bytes + (ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)));
 }
 
-TEST(SocketBaseTest, DefaultSocketHasNothingAndClosesNothing)
-{
-    const size_t before = support::OpenDescriptors();
-    {
-        ProbeSocket socket;
-        EXPECT_EQ(socket.Descriptor(), -1);
-        EXPECT_EQ(socket.Record(), nullptr);
-        EXPECT_FALSE(socket.IsIPv6());
-        EXPECT_FALSE(static_cast<bool>(socket));
-        EXPECT_EQ(socket.GetRemoteAddress(), "");
-        EXPECT_EQ(socket.GetRemotePort(), 0);
-        EXPECT_EQ(socket.GetLocalPort(), 0);
-        EXPECT_EQ(socket.Poll(0), 0);
-    }
-    EXPECT_EQ(support::OpenDescriptors(), before);
-}
-
-// A move hands over descriptor and record; the descriptor is closed once,
-// by whichever socket holds it last.
+// A move hands over descriptor and record but not the buffer; the descriptor
+// is closed once, by whichever socket holds it last, and never by a socket without one.
 TEST(SocketBaseTest, MoveHandsOverDescriptorAndRecordButNotTheBuffer)
 {
     unsigned short port = 0;
-    Fd listener = support::RawTcpListener(true, port);
-    const size_t before = support::OpenDescriptors();
+    Fd listener = RawTcpListener(true, port);
+    const size_t before = OpenDescriptors();
+    {
+        ProbeSocket empty;
+        EXPECT_EQ(empty.GetRemoteAddress(), "");
+        EXPECT_EQ(empty.GetRemotePort(), 0);
+        EXPECT_EQ(empty.GetLocalPort(), 0);
+        EXPECT_EQ(empty.Poll(0), 0);
+    }
     const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     auto source = std::make_unique<ProbeSocket>();
     source->Adopt(fd);
     socklen_t length = 0;
-    const sockaddr_storage address = support::Loopback(true, port, length);
+    const sockaddr_storage address = Loopback(true, port, length);
     ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), length), 0);
-    Fd peer = support::AcceptWithin(listener.Get());
+    Fd peer = AcceptWithin(listener.Get());
     source->ResolveAddress("::1", port);
     const std::shared_ptr<sockaddr> record = source->Record();
-    const Bytes pending{1, 2, 3};
-    source->Write(pending.data(), pending.size());
+    Put(*source, {1, 2, 3});
 
     ProbeSocket target(std::move(*source));
     EXPECT_EQ(target.Descriptor(), fd);
     EXPECT_EQ(target.Record(), record);
-    EXPECT_TRUE(target.IsIPv6());
-    EXPECT_TRUE(target.Buffer().empty());
+    EXPECT_EQ(target.GetBufferSize(), 0u);
     EXPECT_EQ(target.GetRemoteAddress(), "::1");
     EXPECT_EQ(target.GetRemotePort(), port);
-    EXPECT_EQ(target.GetLocalPort(), support::PeerPort(peer.Get()));
-
+    EXPECT_EQ(target.GetLocalPort(), PortOf(peer.Get(), true));
     EXPECT_EQ(source->Descriptor(), -1);
     EXPECT_EQ(source->Record(), nullptr);
-    EXPECT_TRUE(source->IsIPv6());
-    EXPECT_EQ(source->Buffer(), pending);
+    EXPECT_EQ(Buffered(*source), (Bytes{1, 2, 3}));
     EXPECT_EQ(source->GetRemoteAddress(), "");
-    EXPECT_EQ(source->GetRemotePort(), 0);
     EXPECT_EQ(source->GetLocalPort(), 0);
 
     source.reset();
     EXPECT_TRUE(IsOpen(fd)) << "the moved-from socket closed the descriptor";
-    support::SendAll(peer.Get(), {42});
+    SendAll(peer.Get(), {42});
     EXPECT_EQ(target.Poll(10000, 1), 1);
     {
         ProbeSocket last(std::move(target));
-        EXPECT_EQ(last.Descriptor(), fd);
     }
     EXPECT_FALSE(IsOpen(fd));
-    EXPECT_EQ(support::OpenDescriptors(), before + 1); // only the raw peer is left
+    EXPECT_EQ(OpenDescriptors(), before + 1); // only the raw peer is left
 }
 
-std::string FamilyName(const testing::TestParamInfo<bool>& param) { return param.param ? "IPv6" : "IPv4"; }
+// A client TcpSocket is the Socket under test, a raw accepted end plays the peer.
+class PollTest : public testing::TestWithParam<Family> {};
 
-// A client TcpSocket connected to a raw listener; the client is the Socket
-// under test, the raw accepted end plays the peer.
-class PollTest : public testing::TestWithParam<bool> {
-protected:
-    void SetUp() override
-    {
-        unsigned short port = 0;
-        _listener = support::RawTcpListener(GetParam(), port);
-        _client = std::make_unique<TcpSocket>(GetParam() ? "::1" : "127.0.0.1", port, 0, 5000);
-        _peer = support::AcceptWithin(_listener.Get());
-        ASSERT_NE(_peer.Get(), -1);
-        _port = port;
-        _clientFd = support::FindTcpDescriptor(support::PeerPort(_peer.Get()), port);
-        ASSERT_NE(_clientFd, -1);
-    }
-
-    Bytes ReadClient(size_t size)
-    {
-        Bytes bytes(size);
-        _client->Read(bytes.data(), bytes.size());
-        return bytes;
-    }
-
-    Fd _listener;
-    Fd _peer;
-    std::unique_ptr<TcpSocket> _client;
-    unsigned short _port = 0;
-    int _clientFd = -1;
-};
-
-TEST_P(PollTest, PendingDataIsReportedAndStaysQueued)
+TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
 {
-    EXPECT_EQ(_client->Poll(0), 0);
-    EXPECT_EQ(_client->Poll(0, 16), 0);
-    EXPECT_EQ(_client->Poll(20, 0), 0);
-    EXPECT_EQ(_client->GetRemoteAddress(), GetParam() ? "::1" : "127.0.0.1");
-    EXPECT_EQ(_client->GetRemotePort(), _port);
+    unsigned short port = 0;
+    Fd listener = RawTcpListener(GetParam().ipv6, port);
+    TcpSocket client(GetParam().host, port, 0, 5000);
+    Fd peer = AcceptWithin(listener.Get());
+    const int clientFd = FindTcpDescriptor(client.GetLocalPort(), port);
+    ASSERT_NE(clientFd, -1);
+    EXPECT_EQ(client.Poll(0), 0);
+    EXPECT_EQ(client.Poll(0, 16), 0);
+    EXPECT_EQ(client.Poll(20, 0), 0);
 
-    const Bytes data = support::RandomBytes(2000, 3);
-    support::SendAll(_peer.Get(), data);
-    ASSERT_TRUE(support::WaitFor([&] { return support::QueuedBytes(_clientFd) == 2000; })) << "the data did not arrive";
-    EXPECT_EQ(_client->Poll(10000), 1);
-    EXPECT_EQ(_client->Poll(10000, 1), 1);
-    EXPECT_EQ(_client->Poll(10000, 2000), 1); // more than a small scratch area
-    EXPECT_EQ(_client->Poll(10000, 100000), 1);
-    // A peek of nothing reads as a closed peer.
-    EXPECT_EQ(_client->Poll(10000, 0), -1);
-    EXPECT_EQ(support::QueuedBytes(_clientFd), 2000);
-    EXPECT_EQ(ReadClient(data.size()), data);
-    EXPECT_EQ(_client->Poll(0, 1), 0);
+    const Bytes data = RandomBytes(2000, 3);
+    SendAll(peer.Get(), data);
+    ASSERT_TRUE(WaitFor([&] { return QueuedBytes(clientFd) == 2000; })) << "the data did not arrive";
+    EXPECT_EQ(client.Poll(10000), 1);
+    EXPECT_EQ(client.Poll(10000, 1), 1);
+    EXPECT_EQ(client.Poll(10000, 2000), 1); // more than a small scratch area
+    EXPECT_EQ(client.Poll(10000, 100000), 1);
+    EXPECT_EQ(client.Poll(10000, 0), -1); // a peek of nothing reads as a closed peer
+    EXPECT_EQ(QueuedBytes(clientFd), 2000);
+    Bytes read(data.size());
+    client.Read(read.data(), read.size());
+    EXPECT_EQ(read, data);
+    EXPECT_EQ(client.Poll(0, 1), 0);
+
+    // A closed peer shows only after the last byte.
+    SendAll(peer.Get(), {1, 2, 3});
+    peer.Reset();
+    EXPECT_EQ(client.Poll(10000, 3), 1);
+    client.Read(read.data(), 3);
+    EXPECT_EQ(client.Poll(10000), 1);
+    EXPECT_EQ(client.Poll(10000, 1), -1);
+    EXPECT_EQ(client.Poll(10000, 64), -1);
 }
 
-TEST_P(PollTest, ClosedPeerIsReportedAfterTheLastByte)
-{
-    support::SendAll(_peer.Get(), {1, 2, 3});
-    _peer.Reset();
-    EXPECT_EQ(_client->Poll(10000, 3), 1);
-    EXPECT_EQ(ReadClient(3), (Bytes{1, 2, 3}));
-    EXPECT_EQ(_client->Poll(10000), 1);
-    EXPECT_EQ(_client->Poll(10000, 1), -1);
-    EXPECT_EQ(_client->Poll(10000, 64), -1);
-    EXPECT_EQ(_client->Poll(10000, 0), -1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Families, PollTest, testing::Values(false, true), FamilyName);
+INSTANTIATE_TEST_SUITE_P(Families, PollTest, testing::ValuesIn(kFamilies), FamilyName);
 
 struct Resolution {
     const char* host;
@@ -228,11 +179,8 @@ TEST_P(ResolveTest, BuildsAZeroFilledRecordWithThePortInNetworkOrder)
     std::memcpy(expected.data(), &family, sizeof(family));
     expected[2] = static_cast<unsigned char>(r.port >> 8);
     expected[3] = static_cast<unsigned char>(r.port & 0xFF);
-    if (r.ipv6) {
-        ASSERT_EQ(inet_pton(AF_INET6, r.text, expected.data() + offsetof(sockaddr_in6, sin6_addr)), 1);
-    } else {
-        ASSERT_EQ(inet_pton(AF_INET, r.text, expected.data() + offsetof(sockaddr_in, sin_addr)), 1);
-    }
+    const size_t offset = r.ipv6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr);
+    ASSERT_EQ(inet_pton(family, r.text, expected.data() + offset), 1);
     EXPECT_EQ(actual, expected);
 }
 
@@ -246,52 +194,55 @@ INSTANTIATE_TEST_SUITE_P(Hosts, ResolveTest,
                                          Resolution{"[::1]", 80, true, "::"}, Resolution{"[::1]:80", 443, true, "::"},
                                          Resolution{"localhost:80", 80, true, "::"}));
 
-class UnresolvableTest : public testing::TestWithParam<const char*> {};
-
-TEST_P(UnresolvableTest, ThrowsTheHostInItsMessageAndKeepsTheOldRecord)
+// A new record replaces the old one (copies of which stay intact); a host
+// that does not resolve throws with its text and changes nothing.
+TEST(ResolveAgainTest, ReplacesTheRecordOnlyWhenTheHostResolves)
 {
-    const std::string host = GetParam();
-    const std::string message = "Could not resolve host '" + host + "'";
     ProbeSocket socket;
-    try {
-        socket.ResolveAddress(host, 80);
-        ADD_FAILURE() << "no ResolveError";
-    } catch (const ResolveError& error) {
-        EXPECT_EQ(error.what(), message);
+    for (const char* host : {"999.999.999.999", "1.2.3.4.5"}) {
+        EXPECT_EQ(MessageOf<ResolveError>([&] { socket.ResolveAddress(host, 80); }),
+                  "Could not resolve host '" + std::string(host) + "'");
+        EXPECT_EQ(socket.Record(), nullptr);
+        EXPECT_FALSE(socket.IsIPv6());
     }
-    EXPECT_EQ(socket.Record(), nullptr);
-    EXPECT_FALSE(socket.IsIPv6());
-
-    socket.ResolveAddress("::1", 4242);
-    const std::shared_ptr<sockaddr> kept = socket.Record();
-    EXPECT_THROW(socket.ResolveAddress(host, 80), SocketError);
-    EXPECT_EQ(socket.Record(), kept);
-    EXPECT_TRUE(socket.IsIPv6());
-    EXPECT_EQ(socket.GetRemoteAddress(), "::1");
-    EXPECT_EQ(socket.GetRemotePort(), 4242);
-}
-
-INSTANTIATE_TEST_SUITE_P(Hosts, UnresolvableTest, testing::Values("999.999.999.999", "1.2.3.4.5"));
-
-TEST(ResolveAgainTest, ReplacesTheRecordWhileOldCopiesStayIntact)
-{
-    ProbeSocket socket;
     socket.ResolveAddress("127.0.0.1", 80);
     const std::shared_ptr<sockaddr> old = socket.Record();
     const Bytes oldBytes = RecordBytes(old.get(), false);
-
     socket.ResolveAddress("::1", 443);
     EXPECT_NE(socket.Record(), old);
-    EXPECT_TRUE(socket.IsIPv6());
-    EXPECT_EQ(socket.GetRemoteAddress(), "::1");
-    EXPECT_EQ(socket.GetRemotePort(), 443);
     EXPECT_EQ(old.use_count(), 1) << "the socket still holds its old record";
     EXPECT_EQ(RecordBytes(old.get(), false), oldBytes);
 
+    const std::shared_ptr<sockaddr> kept = socket.Record();
+    for (const char* host : {"999.999.999.999", "1.2.3.4.5"}) {
+        EXPECT_THROW(socket.ResolveAddress(host, 80), SocketError);
+        EXPECT_EQ(socket.Record(), kept);
+        EXPECT_TRUE(socket.IsIPv6());
+        EXPECT_EQ(socket.GetRemoteAddress(), "::1");
+        EXPECT_EQ(socket.GetRemotePort(), 443);
+    }
     socket.ResolveAddress("localhost", 8080);
     EXPECT_FALSE(socket.IsIPv6());
     EXPECT_EQ(socket.GetRemoteAddress(), "127.0.0.1");
     EXPECT_EQ(socket.GetRemotePort(), 8080);
+}
+
+// Every constructor that resolves: the text in the message, nothing left open or running.
+TEST(ResolveFailureTest, ConstructorsThrowResolveErrorAndLeaveNothingOpen)
+{
+    const size_t descriptors = OpenDescriptors();
+    const size_t threads = ThreadCount();
+    const std::string bad = "Could not resolve host '999.999.999.999'";
+    EXPECT_EQ(MessageOf<ResolveError>([] { TcpSocket socket("999.999.999.999", 1, 0, 0); }), bad);
+    EXPECT_EQ(MessageOf<ResolveError>([] { UdpSocket socket("999.999.999.999", 1, 0); }), bad);
+    EXPECT_EQ(MessageOf<ResolveError>([] { UdpListener listener("1.2.3.4.5", 0, [](auto&&...) {}); }),
+              "Could not resolve host '1.2.3.4.5'");
+    TcpListener::Callback callback = [](std::unique_ptr<TcpSocket>) {};
+    EXPECT_EQ(MessageOf<ResolveError>([&] { TcpListener listener("1.2.3.4.5", 0, std::move(callback)); }),
+              "Could not resolve host '1.2.3.4.5'");
+    EXPECT_TRUE(static_cast<bool>(callback)); // not taken by the failed constructor
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_LE(ThreadCount(), threads);
 }
 
 // Lookups on several threads at once must not see each other's results.
@@ -310,13 +261,9 @@ TEST(ResolveAgainTest, ThreadsResolvingAtOnceGetTheirOwnAnswers)
                 const std::string host = "127.0." + std::to_string(t) + "." + std::to_string(round % 250 + 1);
                 const auto port = static_cast<unsigned short>(1000 + t);
                 socket.ResolveAddress(host, port);
-                if (socket.IsIPv6() || socket.GetRemoteAddress() != host || socket.GetRemotePort() != port) {
-                    ++wrong;
-                }
+                wrong += socket.IsIPv6() || socket.GetRemoteAddress() != host || socket.GetRemotePort() != port;
                 socket.ResolveAddress("localhost", port);
-                if (socket.GetRemoteAddress() != "127.0.0.1") {
-                    ++wrong;
-                }
+                wrong += socket.GetRemoteAddress() != "127.0.0.1";
             }
         });
     }

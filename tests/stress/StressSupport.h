@@ -19,10 +19,7 @@ namespace stress {
 inline double Scale()
 {
     const char* text = std::getenv("ORVUN_STRESS_SCALE");
-    if (text == nullptr || *text == '\0') {
-        return 1.0;
-    }
-    const double scale = std::strtod(text, nullptr);
+    const double scale = text == nullptr ? 0.0 : std::strtod(text, nullptr);
     return scale > 0.0 ? scale : 1.0;
 }
 
@@ -50,12 +47,7 @@ inline support::Bytes Pattern(std::uint64_t stream, std::uint64_t offset, size_t
 
 inline bool MatchesPattern(std::uint64_t stream, std::uint64_t offset, const unsigned char* data, size_t size)
 {
-    for (size_t i = 0; i < size; ++i) {
-        if (data[i] != PatternByte(stream, offset + i)) {
-            return false;
-        }
-    }
-    return true;
+    return size == 0 || Pattern(stream, offset, size) == support::Bytes(data, data + size);
 }
 
 inline void PutU32(unsigned char* at, std::uint32_t value) { std::memcpy(at, &value, sizeof(value)); }
@@ -72,7 +64,7 @@ inline void EnsureDescriptorRoom(size_t needed)
 {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t wanted = static_cast<rlim_t>(support::OpenDescriptors() + needed + 64);
+    const auto wanted = static_cast<rlim_t>(support::OpenDescriptors() + needed + 64);
     if (limit.rlim_cur < wanted) {
         limit.rlim_cur = std::min(wanted, limit.rlim_max);
         setrlimit(RLIMIT_NOFILE, &limit);
@@ -83,14 +75,7 @@ inline void EnsureDescriptorRoom(size_t needed)
 // bounded wait (threads end and sockets close a little after their owners).
 class ResourceBaseline {
 public:
-    ResourceBaseline()
-    {
-        // A sanitizer runtime starts a helper thread along with the first
-        // thread of the program; have it running before counting.
-        std::thread([] {}).join();
-        _descriptors = support::OpenDescriptors();
-        _threads = support::ThreadCount();
-    }
+    ResourceBaseline() : _descriptors(support::OpenDescriptors()), _threads(support::ThreadCount()) {}
 
     void ExpectRestored() const
     {
@@ -102,11 +87,11 @@ public:
     }
 
 private:
-    size_t _descriptors = 0;
-    size_t _threads = 0;
+    size_t _descriptors;
+    size_t _threads;
 };
 
-// Writes the figures of a run on one line, for the reliability notes.
+// Writes a figure of the run on one line, for the reliability notes.
 inline void Figure(const std::string& name, double value)
 {
     std::printf("[ figure ] %s = %.0f (scale %.2f)\n", name.c_str(), value, Scale());

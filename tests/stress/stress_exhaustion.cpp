@@ -2,8 +2,8 @@
 // limit keeps receiving connections. The child survives the time it cannot
 // accept, and once it frees descriptors it accepts every waiting connection.
 //
-// The child is this program started again with kChildFlag, so the limit
-// never touches the test process.
+// The child is this program started again with kChildFlag and the number of
+// connections to expect, so the limit never touches the test process.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
-#include <sstream>
 
 #include "StressSupport.h"
 #include "net/Socket.h"
@@ -22,6 +21,7 @@ extern char** environ;
 namespace {
 
 using namespace orvun::net;
+using namespace std::chrono_literals;
 
 constexpr const char* kChildFlag = "--descriptor-exhaustion-child";
 // Descriptors the child may open beyond those it has when it sets its limit.
@@ -29,56 +29,26 @@ constexpr int kHeadroom = 16;
 
 // ---------------------------------------------------------------- child
 
-// One line from stdin within `limit`; empty on time-out or end of input.
-std::string ReadLine(std::chrono::milliseconds limit)
-{
-    std::string line;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd entry{STDIN_FILENO, POLLIN, 0};
-        if (poll(&entry, 1, 100) != 1) {
-            continue;
-        }
-        char c;
-        if (read(STDIN_FILENO, &c, 1) != 1) {
-            break;
-        }
-        if (c == '\n') {
-            return line;
-        }
-        line += c;
-    }
-    return line;
-}
-
 // The descriptor limit that leaves exactly `free` numbers unused below it.
 // New descriptors take the lowest free number, and inherited ones may sit
 // anywhere, so the count of open descriptors alone would not do.
 rlim_t LimitLeaving(int free)
 {
     std::set<int> open;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (dirent* entry = readdir(dir)) {
-            const int fd = std::atoi(entry->d_name);
-            if (entry->d_name[0] != '.' && fd != dirfd(dir)) {
-                open.insert(fd);
-            }
-        }
-        closedir(dir);
+    for (const std::string& entry : support::Entries("/proc/self/fd")) {
+        open.insert(std::atoi(entry.c_str()));
     }
     int number = 0;
     for (int left = free; left > 0; ++number) {
-        if (open.count(number) == 0) {
-            --left;
-        }
+        left -= open.count(number) == 0 ? 1 : 0;
     }
     return static_cast<rlim_t>(number);
 }
 
-// Keeps every connection (greeting each with one byte) until told to free
-// them, then greets and closes the rest. Reports on stdout:
-//   ready <port>, held <count>, accepted <count> <error?>.
-int RunChild()
+// Keeps every connection (greeting each with one byte) until no new one has
+// come for a while, then frees them and greets and closes the rest. Reports
+// on stdout: ready <port>, held <count>, accepted <count> <error?>.
+int RunChild(int expected)
 {
     std::mutex mutex;
     std::vector<std::unique_ptr<TcpSocket>> kept;
@@ -112,10 +82,12 @@ int RunChild()
     std::printf("ready %u\n", listener.GetLocalPort());
     std::fflush(stdout);
 
-    int expected = 0;
-    if (std::sscanf(ReadLine(std::chrono::seconds(120)).c_str(), "free %d", &expected) != 1) {
-        std::printf("error no free command\n");
-        return 3;
+    // Out of descriptors once 1.5 s pass without a new connection.
+    int last = -1;
+    for (int quiet = 0, round = 0; quiet < 15 && round < 1200; ++round) {
+        std::this_thread::sleep_for(100ms);
+        quiet = accepted == last && last > 0 ? quiet + 1 : 0;
+        last = accepted;
     }
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -124,7 +96,7 @@ int RunChild()
         kept.clear();
     }
     std::fflush(stdout);
-    const bool all = support::WaitFor([&] { return accepted.load() >= expected; }, std::chrono::seconds(60));
+    const bool all = support::WaitFor([&] { return accepted.load() >= expected; }, 60s);
     std::printf("accepted %d %s\n", accepted.load(), listener.GetThreadError() ? "error" : "clean");
     std::fflush(stdout);
     return all ? 0 : 4;
@@ -135,23 +107,20 @@ int RunChild()
 // The child process, killed and reaped if the test ends early.
 class Child {
 public:
-    Child()
+    explicit Child(int connections)
     {
-        int toChild[2];
         int fromChild[2];
-        if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
+        if (pipe2(fromChild, O_CLOEXEC) != 0) {
             ADD_FAILURE() << "pipe2 failed";
             return;
         }
-        _input = support::Fd(toChild[1]);
         _output = support::Fd(fromChild[0]);
-        support::Fd childIn(toChild[0]);
         support::Fd childOut(fromChild[1]);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, childIn.Get(), STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, childOut.Get(), STDOUT_FILENO);
-        char* argv[] = {const_cast<char*>("stress_exhaustion"), const_cast<char*>(kChildFlag), nullptr};
+        std::string count = std::to_string(connections);
+        char* argv[] = {const_cast<char*>("stress_exhaustion"), const_cast<char*>(kChildFlag), count.data(), nullptr};
         const int spawned = posix_spawn(&_pid, "/proc/self/exe", &actions, nullptr, argv, environ);
         posix_spawn_file_actions_destroy(&actions);
         if (spawned != 0) {
@@ -163,143 +132,91 @@ public:
     {
         if (_pid > 0) {
             kill(_pid, SIGKILL);
-            int status;
-            waitpid(_pid, &status, 0);
+            waitpid(_pid, nullptr, 0);
         }
     }
 
     bool Started() const { return _pid > 0; }
-    bool Alive() const { return _pid > 0 && waitpid(_pid, nullptr, WNOHANG) == 0; }
-
-    void Send(const std::string& line)
+    // The next line the child prints, within two minutes; empty on time-out or end of output.
+    std::string Receive()
     {
-        const std::string text = line + "\n";
-        if (write(_input.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            ADD_FAILURE() << "cannot write to the child";
-        }
-    }
-
-    // The next line the child prints, within `limit`; empty on time-out.
-    std::string Receive(std::chrono::milliseconds limit = std::chrono::seconds(60))
-    {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (;;) {
-            const auto end = _pending.find('\n');
-            if (end != std::string::npos) {
-                std::string line = _pending.substr(0, end);
-                _pending.erase(0, end + 1);
-                return line;
-            }
+        const auto deadline = std::chrono::steady_clock::now() + 120s;
+        while (_pending.find('\n') == std::string::npos) {
+            pollfd entry{_output.Get(), POLLIN, 0};
+            char chunk[256];
             if (std::chrono::steady_clock::now() > deadline) {
                 return {};
             }
-            pollfd entry{_output.Get(), POLLIN, 0};
-            if (poll(&entry, 1, 100) != 1) {
-                continue;
+            if (poll(&entry, 1, 100) == 1) {
+                const ssize_t n = read(_output.Get(), chunk, sizeof(chunk));
+                if (n <= 0) {
+                    return {};
+                }
+                _pending.append(chunk, static_cast<size_t>(n));
             }
-            char chunk[256];
-            const ssize_t n = read(_output.Get(), chunk, sizeof(chunk));
-            if (n <= 0) {
-                return {};
-            }
-            _pending.append(chunk, static_cast<size_t>(n));
         }
+        std::string line = _pending.substr(0, _pending.find('\n'));
+        _pending.erase(0, line.size() + 1);
+        return line;
     }
 
-    // Waits for the child to end within `limit`; its exit status, or -1.
-    int Wait(std::chrono::milliseconds limit = std::chrono::seconds(60))
+    // Waits for the child to end within a minute; its exit status, or -1.
+    int Wait()
     {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (waitpid(_pid, &status, WNOHANG) == _pid) {
-                _pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        int status = 0;
+        if (!support::WaitFor([&] { return waitpid(_pid, &status, WNOHANG) == _pid; }, 60s)) {
+            return -1;
         }
-        return -1;
+        _pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
 private:
     pid_t _pid = -1;
-    support::Fd _input;
     support::Fd _output;
     std::string _pending;
-};
-
-// Connections that each wait for the child's one-byte greeting.
-class Clients {
-public:
-    void Open(unsigned short port, int count)
-    {
-        for (int i = 0; i < count; ++i) {
-            _sockets.push_back(support::RawTcpConnect(false, port));
-            _greeted.push_back(false);
-        }
-    }
-    // Collects greetings for `period`; the number greeted so far.
-    int Collect(std::chrono::milliseconds period)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + period;
-        do {
-            for (size_t i = 0; i < _sockets.size(); ++i) {
-                unsigned char byte;
-                if (!_greeted[i] && recv(_sockets[i].Get(), &byte, 1, MSG_DONTWAIT) == 1 && byte == '!') {
-                    _greeted[i] = true;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        } while (std::chrono::steady_clock::now() < deadline && Greeted() < static_cast<int>(_sockets.size()));
-        return Greeted();
-    }
-    int Greeted() const { return static_cast<int>(std::count(_greeted.begin(), _greeted.end(), true)); }
-
-private:
-    std::vector<support::Fd> _sockets;
-    std::vector<bool> _greeted;
 };
 
 TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
 {
     const int connections = kHeadroom + stress::Scaled(48, 8);
     stress::EnsureDescriptorRoom(static_cast<size_t>(connections));
-    Child child;
+    Child child(connections);
     ASSERT_TRUE(child.Started());
     unsigned port = 0;
     const std::string ready = child.Receive();
     ASSERT_EQ(std::sscanf(ready.c_str(), "ready %u", &port), 1) << "child said: " << ready;
-
-    Clients clients;
-    clients.Open(static_cast<unsigned short>(port), connections);
+    std::vector<support::Fd> clients;
+    for (int i = 0; i < connections; ++i) {
+        clients.push_back(support::RawTcpConnect(false, static_cast<unsigned short>(port)));
+    }
     // The child takes what its limit allows, then spends a while unable to
     // accept while the rest wait in its queue.
-    int greeted = 0;
-    for (int last = -1; greeted != last;) {
-        last = greeted;
-        greeted = clients.Collect(std::chrono::milliseconds(1500));
-    }
-    EXPECT_LT(greeted, connections) << "the limit was never reached";
-    EXPECT_GT(greeted, 0);
-    ASSERT_TRUE(child.Alive()) << "the child died while out of descriptors";
-
-    child.Send("free " + std::to_string(connections));
     int held = -1;
     const std::string heldLine = child.Receive();
     ASSERT_EQ(std::sscanf(heldLine.c_str(), "held %d", &held), 1) << "child said: " << heldLine;
-    EXPECT_EQ(held, greeted);
-    EXPECT_EQ(clients.Collect(std::chrono::seconds(60)), connections) << "accepting did not resume";
+    EXPECT_LT(held, connections) << "the limit was never reached";
+    EXPECT_GT(held, 0);
+    // Each connection gets its greeting once the child has descriptors again.
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    int greeted = 0;
+    for (const auto& client : clients) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        greeted += support::ReadExactly(client.Get(), 1, std::max(left, 1ms)) == support::Bytes{'!'} ? 1 : 0;
+    }
+    EXPECT_EQ(greeted, connections) << "accepting did not resume";
     EXPECT_EQ(child.Receive(), "accepted " + std::to_string(connections) + " clean");
     EXPECT_EQ(child.Wait(), 0);
-    stress::Figure("connections that waited out descriptor exhaustion", connections - greeted);
+    stress::Figure("connections that waited out descriptor exhaustion", connections - held);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc == 2 && std::string(argv[1]) == kChildFlag) {
-        return RunChild();
+    if (argc == 3 && std::string(argv[1]) == kChildFlag) {
+        return RunChild(std::atoi(argv[2]));
     }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

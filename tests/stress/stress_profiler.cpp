@@ -81,41 +81,34 @@ TEST(ProfilerStress, EightWritersAndAReader)
     for (int i = 0; i < iterations; ++i) {
         bytesTotal += i % 1000;
     }
-    orvun::cpu::SharedMutex::ExclusiveHold hold(Profiler::profilesMutex);
+    const support::ProfilerTables tables = support::Profiles();
     for (int w = 0; w < kWriters; ++w) {
         const auto id = ids[static_cast<size_t>(w)];
-        ASSERT_EQ(Profiler::profiles.count(id), 1u);
-        const auto& records = Profiler::profiles.at(id);
-        EXPECT_TRUE(Profiler::profileStacks.at(id).empty());
-        EXPECT_EQ(Profiler::threadNames.at(id), "writer " + std::to_string(w));
+        const std::string own = "thread " + std::to_string(w);
+        EXPECT_TRUE(tables.Stack(id).empty());
+        EXPECT_EQ(tables.names.at(id), "writer " + std::to_string(w));
+        EXPECT_EQ(tables.Paths(id), (std::set<std::string>{"request", "request/parse", "request/parse/route",
+                                                           "request/parse/route/encode", "request/parse/untimed"}));
         const std::pair<const char*, int> expected[] = {{"request", iterations},
                                                         {"request/parse", iterations},
                                                         {"request/parse/route", nestedTwice},
                                                         {"request/parse/route/encode", nestedThrice}};
         for (const auto& [path, count] : expected) {
-            ASSERT_EQ(records.count(path), 1u) << path;
-            const auto& record = records.at(path);
+            const auto record = tables.Record(path, "", id);
             EXPECT_EQ(record.count, count) << path;
             EXPECT_NE(record.min, -1.0) << path << ": a sample was added, so min is set";
             EXPECT_LE(record.min, record.max) << path;
         }
-        const auto& request = records.at("request");
-        ASSERT_EQ(request.extraProfiles.count("bytes"), 1u);
-        EXPECT_EQ(request.extraProfiles.at("bytes").count, iterations);
-        EXPECT_EQ(request.extraProfiles.at("bytes").total, bytesTotal);
-        EXPECT_EQ(request.extraProfiles.at("bytes").min, 0.0);
-        EXPECT_EQ(request.extraProfiles.at("bytes").max, static_cast<double>(std::min(iterations - 1, 999)));
-        ASSERT_EQ(records.count("request/parse/untimed"), 1u);
-        const auto& untimed = records.at("request/parse/untimed");
-        EXPECT_EQ(untimed.count, 0);
-        EXPECT_EQ(untimed.min, -1.0);
-        const std::string own = "thread " + std::to_string(w);
-        EXPECT_EQ(untimed.extraProfiles.at(own).count, untimedCount);
-        EXPECT_EQ(request.extraProfiles.at(own).count, untimedCount);
-        EXPECT_EQ(records.at("request/parse").extraProfiles.at(own).count, untimedCount);
-    }
-    for (int w = 0; w < kWriters; ++w) {
-        EXPECT_EQ(Profiler::extras.count("thread " + std::to_string(w)), 1u);
+        const auto bytes = tables.Record("request", "bytes", id);
+        EXPECT_EQ(bytes.count, iterations);
+        EXPECT_EQ(bytes.total, bytesTotal);
+        EXPECT_EQ(bytes.min, 0.0);
+        EXPECT_EQ(bytes.max, static_cast<double>(std::min(iterations - 1, 999)));
+        EXPECT_EQ(support::Summary(tables.Record("request/parse/untimed", "", id)), "0 0 -1 0");
+        for (const char* path : {"request", "request/parse", "request/parse/untimed"}) {
+            EXPECT_EQ(tables.Record(path, own, id).count, untimedCount) << path;
+        }
+        EXPECT_EQ(tables.extras.count(own), 1u);
     }
     stress::Figure("profiler scopes closed",
                    static_cast<double>(kWriters) * (2 * iterations + nestedTwice + nestedThrice + untimedCount));
