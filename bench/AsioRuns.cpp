@@ -25,9 +25,31 @@ tcp::socket AcceptOne(asio::io_context& io, tcp::acceptor& acceptor)
     return socket;
 }
 
-} // namespace
+// Blocking receive_from calls; `handle(data, size, from)` gets each datagram.
+// Ends on the empty datagram of raw::SendEmptyDatagram.
+template <typename Handle> void ReceiveUntilEmpty(udp::socket& socket, Handle&& handle)
+{
+    unsigned char datagram[1400];
+    for (;;) {
+        udp::endpoint from;
+        const std::size_t n = socket.receive_from(asio::buffer(datagram), from);
+        if (n == 0) {
+            return;
+        }
+        handle(datagram, n, from);
+    }
+}
 
-namespace {
+// The receivers' read on an accepted connection: false once the client has
+// closed.
+auto ReadFrom(tcp::socket& socket)
+{
+    return [&socket](unsigned char* data, std::size_t size) {
+        boost::system::error_code error;
+        asio::read(socket, asio::buffer(data, size), error);
+        return !error;
+    };
+}
 
 class AsioTcpRttPeer : public RttPeer {
 public:
@@ -49,8 +71,7 @@ public:
             }
         });
         _client.connect(tcp::endpoint(kLoopback, _acceptor.local_endpoint().port()));
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
     ~AsioTcpRttPeer() override
     {
@@ -60,34 +81,21 @@ public:
 
     void Run(int rounds, std::vector<double>& samples) override
     {
-        unsigned char reply[64];
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const auto start = Clock::now();
-            asio::write(_client, asio::buffer(_request));
+        unsigned char reply[RoundTrips::kSize];
+        _rounds.Run(rounds, samples, [&](const unsigned char* request, std::size_t size, unsigned char tag) {
+            asio::write(_client, asio::buffer(request, size));
             asio::read(_client, asio::buffer(reply));
-            const auto end = Clock::now();
-            if (reply[0] != _tag) {
-                throw RunFailed("tcp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+            return reply[0] == tag;
+        });
     }
 
 private:
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
+    RoundTrips _rounds{"tcp_rtt"};
     asio::io_context _io;
     tcp::acceptor _acceptor;
     tcp::socket _client;
     std::unique_ptr<Background> _server;
 };
-
-} // namespace
-
-std::unique_ptr<RttPeer> AsioTcpRtt(const Counts& counts) { return std::make_unique<AsioTcpRttPeer>(counts); }
-
-namespace {
 
 class AsioUdpRttPeer : public RttPeer {
 public:
@@ -96,34 +104,21 @@ public:
           _destination(kLoopback, _server.local_endpoint().port())
     {
         _serverLoop = std::make_unique<Background>([this] {
-            unsigned char datagram[1400];
-            for (;;) {
-                udp::endpoint from;
-                const std::size_t n = _server.receive_from(asio::buffer(datagram), from);
-                if (n == 0) {
-                    return;
-                }
-                _server.send_to(asio::buffer(datagram, n), from);
-            }
+            ReceiveUntilEmpty(_server, [this](const unsigned char* data, std::size_t size, const udp::endpoint& from) {
+                _server.send_to(asio::buffer(data, size), from);
+            });
         });
         _client.open(udp::v4());
         // Bind the client by a first exchange before its receive thread starts.
         unsigned char reply[1400];
-        _client.send_to(asio::buffer(_request), _destination);
+        _client.send_to(asio::buffer(_rounds.Request(), RoundTrips::kSize), _destination);
         _client.receive(asio::buffer(reply));
         _clientLoop = std::make_unique<Background>([this] {
-            unsigned char datagram[1400];
-            for (;;) {
-                udp::endpoint from;
-                if (_client.receive_from(asio::buffer(datagram), from) == 0) {
-                    return;
-                }
-                _first.store(datagram[0], std::memory_order_relaxed);
-                _arrived.Post();
-            }
+            ReceiveUntilEmpty(_client, [this](const unsigned char* data, std::size_t, const udp::endpoint&) {
+                _replies.Post(data[0]);
+            });
         });
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
     ~AsioUdpRttPeer() override
     {
@@ -135,25 +130,14 @@ public:
 
     void Run(int rounds, std::vector<double>& samples) override
     {
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const std::uint32_t seen = _arrived.Seen();
-            const auto start = Clock::now();
-            _client.send_to(asio::buffer(_request), _destination);
-            _arrived.WaitBeyond(seen);
-            const auto end = Clock::now();
-            if (_first.load(std::memory_order_relaxed) != _tag) {
-                throw RunFailed("udp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+        _rounds.Run(rounds, samples, _replies, [this](const unsigned char* request, std::size_t size) {
+            _client.send_to(asio::buffer(request, size), _destination);
+        });
     }
 
 private:
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
-    Handoff _arrived;
-    std::atomic<unsigned char> _first{0};
+    RoundTrips _rounds{"udp_rtt"};
+    ReplyHandoff _replies;
     asio::io_context _io;
     udp::socket _server;
     udp::socket _client;
@@ -161,12 +145,6 @@ private:
     std::unique_ptr<Background> _serverLoop;
     std::unique_ptr<Background> _clientLoop;
 };
-
-} // namespace
-
-std::unique_ptr<RttPeer> AsioUdpRtt(const Counts& counts) { return std::make_unique<AsioUdpRttPeer>(counts); }
-
-namespace {
 
 // A listener, one accepted connection read by a receiver thread, and a
 // connected client, as in the raw peers.
@@ -196,33 +174,15 @@ class AsioTcpBulkPeer : public AsioTcpPeer {
 public:
     explicit AsioTcpBulkPeer(const Counts& counts) : _source(counts.bulkChunk, 0x5a)
     {
-        _receiver = std::make_unique<Background>([this, size = _source.size()] {
-            std::vector<unsigned char> chunk(size);
-            boost::system::error_code error;
-            for (std::uint64_t i = 0;; ++i) {
-                asio::read(_accepted, asio::buffer(chunk), error);
-                if (error) {
-                    return;
-                }
-                if (!CheckChunk(chunk.data(), i)) {
-                    _progress.Broken();
-                }
-                _progress.Add(1);
-            }
-        });
+        _receiver = std::make_unique<Background>(
+            [this, size = _source.size()] { ReceiveChunks(_progress, size, ReadFrom(_accepted)); });
     }
 
     BlockResult Block(int units) override
     {
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            StampChunk(_source.data(), _sent++);
-            asio::write(_client, asio::buffer(_source));
-        }
-        const std::int64_t end = _progress.Wait("tcp_bulk", [this] { raw::PushTail(_client.native_handle()); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return ChunkBlock(
+            _progress, _sent, _source.data(), units, [this] { asio::write(_client, asio::buffer(_source)); },
+            [this] { raw::PushTail(_client.native_handle()); });
     }
 
 private:
@@ -234,40 +194,18 @@ class AsioTcpSmallPeer : public AsioTcpPeer {
 public:
     explicit AsioTcpSmallPeer(int block)
     {
-        _receiver = std::make_unique<Background>([this, block] {
-            std::vector<unsigned char> chunk(std::size_t{4096} * 16);
-            std::uint64_t next = 0;
-            boost::system::error_code error;
-            for (;;) {
-                for (auto left = static_cast<std::size_t>(block); left > 0;) {
-                    const std::size_t take = std::min<std::size_t>(4096, left);
-                    asio::read(_accepted, asio::buffer(chunk.data(), take * 16), error);
-                    if (error) {
-                        return;
-                    }
-                    if (!CheckMessages(chunk.data(), take, next)) {
-                        _progress.Broken();
-                    }
-                    next += take;
-                    left -= take;
-                }
-                _progress.Add(block);
-            }
-        });
+        _receiver =
+            std::make_unique<Background>([this, block] { ReceiveMessages(_progress, block, ReadFrom(_accepted)); });
     }
 
     BlockResult Block(int units) override
     {
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        unsigned char message[16];
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            FillMessage(message, _sent++);
-            asio::write(_client, asio::buffer(message));
-        }
-        const std::int64_t end = _progress.Wait("tcp_small", [this] { raw::PushTail(_client.native_handle()); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return MessageBlock(
+            _progress, _sent, units,
+            [this](const unsigned char* message, std::size_t size) {
+                asio::write(_client, asio::buffer(message, size));
+            },
+            [this] { raw::PushTail(_client.native_handle()); });
     }
 
 private:
@@ -282,14 +220,8 @@ public:
     {
         _client.open(udp::v4());
         _receiver = std::make_unique<Background>([this] {
-            unsigned char datagram[1400];
-            for (;;) {
-                udp::endpoint from;
-                if (_server.receive_from(asio::buffer(datagram), from) == 0) {
-                    return;
-                }
-                _arrivals.Arrived();
-            }
+            ReceiveUntilEmpty(_server,
+                              [this](const unsigned char*, std::size_t, const udp::endpoint&) { _arrivals.Arrived(); });
         });
     }
     ~AsioUdpRatePeer() override
@@ -323,13 +255,10 @@ public:
         : _acceptor(_io, tcp::endpoint(kLoopback, 0)), _destination(kLoopback, _acceptor.local_endpoint().port())
     {
         _server = std::make_unique<Background>([this] {
-            for (;;) {
+            CountConnections(_progress, _stopping, [this] {
                 AcceptOne(_io, _acceptor);
-                if (_stopping.load()) {
-                    return;
-                }
-                _progress.Add(1);
-            }
+                return true;
+            });
         });
     }
     ~AsioTcpAcceptPeer() override
@@ -344,15 +273,12 @@ public:
     BlockResult Block(int units) override
     {
         _sent += units;
-        _progress.Expect(_sent);
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            tcp::socket client(_io);
-            client.connect(_destination);
-        }
-        const std::int64_t end = _progress.Wait("tcp_accept");
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return TimedBlock(_progress, "tcp_accept", _sent, units, [&] {
+            for (int i = 0; i < units; ++i) {
+                tcp::socket client(_io);
+                client.connect(_destination);
+            }
+        });
     }
 
 private:
@@ -366,6 +292,10 @@ private:
 };
 
 } // namespace
+
+std::unique_ptr<RttPeer> AsioTcpRtt(const Counts& counts) { return std::make_unique<AsioTcpRttPeer>(counts); }
+
+std::unique_ptr<RttPeer> AsioUdpRtt(const Counts& counts) { return std::make_unique<AsioUdpRttPeer>(counts); }
 
 std::unique_ptr<BlockPeer> AsioTcpBulk(const Counts& counts) { return std::make_unique<AsioTcpBulkPeer>(counts); }
 std::unique_ptr<BlockPeer> AsioTcpSmall(int block) { return std::make_unique<AsioTcpSmallPeer>(block); }

@@ -271,4 +271,181 @@ bool CheckMessages(const unsigned char* data, std::size_t count, std::uint64_t f
 void StampChunk(unsigned char* chunk, std::uint64_t index);
 bool CheckChunk(const unsigned char* chunk, std::uint64_t index);
 
+// The reply of a threaded round trip: its first byte, handed from the
+// receive thread to the waiting thread.
+class ReplyHandoff {
+public:
+    void Post(unsigned char first)
+    {
+        _first.store(first, std::memory_order_relaxed);
+        _arrived.Post();
+    }
+    std::uint32_t Seen() const { return _arrived.Seen(); }
+    void WaitBeyond(std::uint32_t seen) const { _arrived.WaitBeyond(seen); }
+    unsigned char First() const { return _first.load(std::memory_order_relaxed); }
+
+private:
+    Handoff _arrived;
+    std::atomic<unsigned char> _first{0};
+};
+
+// The round trips of tcp_rtt and udp_rtt: 64-byte requests whose first byte
+// is a running tag that the reply must carry back. `what` names the scenario
+// in failures.
+class RoundTrips {
+public:
+    explicit RoundTrips(const char* what) : _what(what) {}
+
+    // `exchange(request, size, tag)` makes one round trip and says whether
+    // the reply was right; the time it takes is one sample.
+    template <typename Exchange> void Run(int rounds, std::vector<double>& samples, Exchange&& exchange)
+    {
+        for (int i = 0; i < rounds; ++i) {
+            _request[0] = ++_tag;
+            const auto start = Clock::now();
+            const bool right = exchange(_request, sizeof(_request), _tag);
+            const auto end = Clock::now();
+            if (!right) {
+                Fail();
+            }
+            samples.push_back(MicrosecondsBetween(start, end));
+        }
+    }
+
+    // `send(request, size)` sends one request; the reply arrives on another
+    // thread, which posts it to `replies`.
+    template <typename Send>
+    void Run(int rounds, std::vector<double>& samples, const ReplyHandoff& replies, Send&& send)
+    {
+        for (int i = 0; i < rounds; ++i) {
+            _request[0] = ++_tag;
+            const std::uint32_t seen = replies.Seen();
+            const auto start = Clock::now();
+            send(_request, sizeof(_request));
+            replies.WaitBeyond(seen);
+            const auto end = Clock::now();
+            if (replies.First() != _tag) {
+                Fail();
+            }
+            samples.push_back(MicrosecondsBetween(start, end));
+        }
+    }
+
+    // The request buffer, for exchanges outside the measured rounds.
+    unsigned char* Request() { return _request; }
+    static constexpr std::size_t kSize = 64;
+
+private:
+    [[noreturn]] void Fail() const { throw RunFailed(std::string(_what) + ": wrong reply"); }
+
+    const char* _what;
+    unsigned char _tag = 0;
+    unsigned char _request[kSize] = {};
+};
+
+// One block of a TCP throughput peer: announces `total` units expected after
+// it, runs `send`, then waits for the receiver, calling `nudge` while it
+// waits. Time runs from the first send to the last arrival.
+template <typename Send, typename Nudge>
+BlockResult TimedBlock(Progress& progress, const char* what, std::int64_t total, int units, Send&& send, Nudge&& nudge)
+{
+    progress.Expect(total);
+    const std::int64_t start = NowNs();
+    send();
+    const std::int64_t end = progress.Wait(what, nudge);
+    return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9, static_cast<double>(units)};
+}
+
+template <typename Send>
+BlockResult TimedBlock(Progress& progress, const char* what, std::int64_t total, int units, Send&& send)
+{
+    return TimedBlock(progress, what, total, units, send, [] {});
+}
+
+// The senders of the TCP throughput peers, counting units in `sent`.
+//
+// tcp_bulk: stamps each chunk into `chunk`, then `send()` sends it.
+template <typename Send, typename Nudge> BlockResult
+ChunkBlock(Progress& progress, std::uint64_t& sent, unsigned char* chunk, int units, Send&& send, Nudge&& nudge)
+{
+    return TimedBlock(
+        progress, "tcp_bulk", static_cast<std::int64_t>(sent) + units, units,
+        [&] {
+            for (int i = 0; i < units; ++i) {
+                StampChunk(chunk, sent++);
+                send();
+            }
+        },
+        nudge);
+}
+
+// tcp_small: `send(message, size)` sends each 16-byte message.
+template <typename Send, typename Nudge>
+BlockResult MessageBlock(Progress& progress, std::uint64_t& sent, int units, Send&& send, Nudge&& nudge)
+{
+    unsigned char message[16];
+    return TimedBlock(
+        progress, "tcp_small", static_cast<std::int64_t>(sent) + units, units,
+        [&] {
+            for (int i = 0; i < units; ++i) {
+                FillMessage(message, sent++);
+                send(message, sizeof(message));
+            }
+        },
+        nudge);
+}
+
+// The receivers of the TCP throughput peers. `read(data, size)` fills
+// `size` bytes and returns false once the peer has closed.
+//
+// tcp_bulk: stamped chunks of `size` bytes, one unit each.
+template <typename Read> void ReceiveChunks(Progress& progress, std::size_t size, Read&& read)
+{
+    std::vector<unsigned char> chunk(size);
+    for (std::uint64_t i = 0; read(chunk.data(), chunk.size()); ++i) {
+        if (!CheckChunk(chunk.data(), i)) {
+            progress.Broken();
+        }
+        progress.Add(1);
+    }
+}
+
+// tcp_small: blocks of `block` 16-byte messages, checked for order, read at
+// most 4096 messages at a time.
+template <typename Read> void ReceiveMessages(Progress& progress, int block, Read&& read)
+{
+    std::vector<unsigned char> chunk(std::size_t{4096} * 16);
+    std::uint64_t next = 0;
+    for (;;) {
+        for (auto left = static_cast<std::size_t>(block); left > 0;) {
+            const std::size_t take = std::min<std::size_t>(4096, left);
+            if (!read(chunk.data(), take * 16)) {
+                return;
+            }
+            if (!CheckMessages(chunk.data(), take, next)) {
+                progress.Broken();
+            }
+            next += take;
+            left -= take;
+        }
+        progress.Add(block);
+    }
+}
+
+// tcp_accept: `acceptOne` takes one connection and closes it, or returns
+// false when there was none yet. Connections count until `stopping` is set.
+template <typename AcceptOne>
+void CountConnections(Progress& progress, const std::atomic<bool>& stopping, AcceptOne&& acceptOne)
+{
+    for (;;) {
+        if (!acceptOne()) {
+            continue;
+        }
+        if (stopping.load()) {
+            return;
+        }
+        progress.Add(1);
+    }
+}
+
 } // namespace bench

@@ -24,9 +24,19 @@ namespace {
 
 const char* const kHost = "127.0.0.1";
 
-} // namespace
-
-namespace {
+// Runs `receive` with a read from `connection` until the client closes,
+// which the library reports by throwing.
+template <typename Receive> void ReceiveUntilClosed(TcpSocket& connection, Receive&& receive)
+{
+    try {
+        receive([&connection](unsigned char* data, std::size_t size) {
+            connection.Read(data, size);
+            return true;
+        });
+    } catch (const SocketError&) {
+        // The client has closed.
+    }
+}
 
 class LibTcpRttPeer : public RttPeer {
 public:
@@ -45,32 +55,24 @@ public:
           })
     {
         _client = std::make_unique<TcpSocket>(kHost, _listener.GetLocalPort(), 64, 0);
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
 
     void Run(int rounds, std::vector<double>& samples) override
     {
         ProfilingSession session(_profiling, "bench tcp_rtt");
-        unsigned char reply[64];
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const auto start = Clock::now();
-            _client->Write(_request, sizeof(_request));
+        unsigned char reply[RoundTrips::kSize];
+        _rounds.Run(rounds, samples, [&](const unsigned char* request, std::size_t size, unsigned char tag) {
+            _client->Write(request, size);
             _client->Flush();
             _client->Read(reply, sizeof(reply));
-            const auto end = Clock::now();
-            if (reply[0] != _tag) {
-                throw RunFailed("tcp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+            return reply[0] == tag;
+        });
     }
 
 private:
     bool _profiling;
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
+    RoundTrips _rounds{"tcp_rtt"};
     TcpListener _listener;
     std::unique_ptr<TcpSocket> _client; // closed first: that ends the server's loop
 };
@@ -86,55 +88,27 @@ public:
                                          }),
           _client(kHost, _server.GetLocalPort(), 64)
     {
-        _client.Receive([this](const UdpSocket&, ReadOnlyStream&& datagram) {
-            _first.store(datagram.GetBufferData()[0], std::memory_order_relaxed);
-            _arrived.Post();
-        });
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        _client.Receive(
+            [this](const UdpSocket&, ReadOnlyStream&& datagram) { _replies.Post(datagram.GetBufferData()[0]); });
+        WarmUp(counts.rttWarmup);
     }
 
     void Run(int rounds, std::vector<double>& samples) override
     {
         ProfilingSession session(_profiling, "bench udp_rtt");
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const std::uint32_t seen = _arrived.Seen();
-            const auto start = Clock::now();
-            _client.Write(_request, sizeof(_request));
+        _rounds.Run(rounds, samples, _replies, [this](const unsigned char* request, std::size_t size) {
+            _client.Write(request, size);
             _client.Flush();
-            _arrived.WaitBeyond(seen);
-            const auto end = Clock::now();
-            if (_first.load(std::memory_order_relaxed) != _tag) {
-                throw RunFailed("udp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+        });
     }
 
 private:
     bool _profiling;
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
-    Handoff _arrived;
-    std::atomic<unsigned char> _first{0};
+    RoundTrips _rounds{"udp_rtt"};
+    ReplyHandoff _replies;
     UdpListener _server;
     UdpSocket _client; // stopped first, then the server
 };
-
-} // namespace
-
-std::unique_ptr<RttPeer> LibTcpRtt(const Counts& counts, bool profiling)
-{
-    return std::make_unique<LibTcpRttPeer>(counts, profiling);
-}
-
-std::unique_ptr<RttPeer> LibUdpRtt(const Counts& counts, bool profiling)
-{
-    return std::make_unique<LibUdpRttPeer>(counts, profiling);
-}
-
-namespace {
 
 // A connecting library socket whose descriptor the bench can reach, to push
 // out a block's tail (raw::PushTail). Everything else is the library's.
@@ -148,7 +122,9 @@ class LibTcpBulkPeer : public BlockPeer {
 public:
     LibTcpBulkPeer(const Counts& counts, bool profiling)
         : _profiling(profiling), _source(counts.bulkChunk, 0x5a),
-          _listener(kHost, 0, [this](std::unique_ptr<TcpSocket> connection) { Receive(*connection); })
+          _listener(kHost, 0, [this](std::unique_ptr<TcpSocket> connection) {
+              ReceiveUntilClosed(*connection, [&](auto&& read) { ReceiveChunks(_progress, _source.size(), read); });
+          })
     {
         _client = std::make_unique<ClientSocket>(kHost, _listener.GetLocalPort(), _source.size(), 0);
     }
@@ -156,35 +132,16 @@ public:
     BlockResult Block(int units) override
     {
         ProfilingSession session(_profiling, "bench tcp_bulk");
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            StampChunk(_source.data(), _sent++);
-            _client->Write(_source.data(), _source.size());
-            _client->Flush();
-        }
-        const std::int64_t end = _progress.Wait("tcp_bulk", [this] { raw::PushTail(_client->Descriptor()); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return ChunkBlock(
+            _progress, _sent, _source.data(), units,
+            [this] {
+                _client->Write(_source.data(), _source.size());
+                _client->Flush();
+            },
+            [this] { raw::PushTail(_client->Descriptor()); });
     }
 
 private:
-    void Receive(TcpSocket& connection)
-    {
-        std::vector<unsigned char> chunk(_source.size());
-        try {
-            for (std::uint64_t i = 0;; ++i) {
-                connection.Read(chunk.data(), chunk.size());
-                if (!CheckChunk(chunk.data(), i)) {
-                    _progress.Broken();
-                }
-                _progress.Add(1);
-            }
-        } catch (const SocketError&) {
-            // The client has closed.
-        }
-    }
-
     bool _profiling;
     std::uint64_t _sent = 0;
     std::vector<unsigned char> _source;
@@ -193,34 +150,11 @@ private:
     std::unique_ptr<ClientSocket> _client; // closed first: that ends the receiver
 };
 
-// Receives blocks of `block` 16-byte messages and checks their order.
-void ReceiveMessages(TcpSocket& connection, int block, Progress& progress)
-{
-    std::vector<unsigned char> chunk(std::size_t{4096} * 16);
-    std::uint64_t next = 0;
-    try {
-        for (;;) {
-            for (auto left = static_cast<std::size_t>(block); left > 0;) {
-                const std::size_t take = std::min<std::size_t>(4096, left);
-                connection.Read(chunk.data(), take * 16);
-                if (!CheckMessages(chunk.data(), take, next)) {
-                    progress.Broken();
-                }
-                next += take;
-                left -= take;
-            }
-            progress.Add(block);
-        }
-    } catch (const SocketError&) {
-        // The client has closed.
-    }
-}
-
 class LibTcpSmallPeer : public BlockPeer {
 public:
     LibTcpSmallPeer(int block, bool worker, bool profiling)
         : _profiling(profiling), _listener(kHost, 0, [this, block](std::unique_ptr<TcpSocket> connection) {
-              ReceiveMessages(*connection, block, _progress);
+              ReceiveUntilClosed(*connection, [&](auto&& read) { ReceiveMessages(_progress, block, read); });
           })
     {
         _client = std::make_unique<ClientSocket>(kHost, _listener.GetLocalPort(), 16, 0);
@@ -232,17 +166,13 @@ public:
     BlockResult Block(int units) override
     {
         ProfilingSession session(_profiling, "bench tcp_small");
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        unsigned char message[16];
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            FillMessage(message, _sent++);
-            _client->Write(message, sizeof(message));
-            _client->Flush();
-        }
-        const std::int64_t end = _progress.Wait("tcp_small", [this] { raw::PushTail(_client->Descriptor()); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return MessageBlock(
+            _progress, _sent, units,
+            [this](const unsigned char* message, std::size_t size) {
+                _client->Write(message, size);
+                _client->Flush();
+            },
+            [this] { raw::PushTail(_client->Descriptor()); });
     }
 
 private:
@@ -295,15 +225,12 @@ public:
     {
         ProfilingSession session(_profiling, "bench tcp_accept");
         _sent += units;
-        _progress.Expect(_sent);
         const unsigned short port = _listener.GetLocalPort();
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            TcpSocket client(kHost, port, 0, 0);
-        }
-        const std::int64_t end = _progress.Wait("tcp_accept");
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return TimedBlock(_progress, "tcp_accept", _sent, units, [&] {
+            for (int i = 0; i < units; ++i) {
+                TcpSocket client(kHost, port, 0, 0);
+            }
+        });
     }
 
 private:
@@ -314,6 +241,16 @@ private:
 };
 
 } // namespace
+
+std::unique_ptr<RttPeer> LibTcpRtt(const Counts& counts, bool profiling)
+{
+    return std::make_unique<LibTcpRttPeer>(counts, profiling);
+}
+
+std::unique_ptr<RttPeer> LibUdpRtt(const Counts& counts, bool profiling)
+{
+    return std::make_unique<LibUdpRttPeer>(counts, profiling);
+}
 
 std::unique_ptr<BlockPeer> LibTcpBulk(const Counts& counts, bool profiling)
 {

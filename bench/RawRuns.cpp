@@ -29,6 +29,20 @@ int AcceptOne(int listener)
     return fd;
 }
 
+// One recvfrom into `datagram`, handed to `handle`; false on a result
+// below 1.
+template <typename Handle> bool ReceiveOne(int fd, unsigned char (&datagram)[kDatagramCapacity], Handle& handle)
+{
+    sockaddr_in from{};
+    socklen_t length = sizeof(from);
+    const ssize_t n = ::recvfrom(fd, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (n < 1) {
+        return false;
+    }
+    handle(datagram, static_cast<std::size_t>(n), from, length);
+    return true;
+}
+
 // The receive loop shape of the library: poll for up to 100 ms, then one
 // recvfrom; `handle` gets each datagram. Ends on a result below 1 or when
 // `running` is cleared.
@@ -47,19 +61,26 @@ template <typename Handle> void PollingReceiveLoop(int fd, const std::atomic<boo
         if (ready < 0) {
             throw RunFailed("poll failed");
         }
-        sockaddr_in from{};
-        socklen_t length = sizeof(from);
-        const ssize_t n = ::recvfrom(fd, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
-        if (n < 1) {
+        if (!ReceiveOne(fd, datagram, handle)) {
             return;
         }
-        handle(datagram, static_cast<std::size_t>(n), from, length);
     }
 }
 
-} // namespace
+// Plain blocking recvfrom calls; ends on a result below 1 (the empty
+// datagram of raw::SendEmptyDatagram).
+template <typename Handle> void BlockingReceiveLoop(int fd, Handle&& handle)
+{
+    unsigned char datagram[kDatagramCapacity];
+    while (ReceiveOne(fd, datagram, handle)) {
+    }
+}
 
-namespace {
+// One datagram to `destination`, sent the way every raw UDP client sends.
+void SendTo(int fd, const unsigned char* data, std::size_t size, const sockaddr_in& destination)
+{
+    ::sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
+}
 
 class RawTcpRttPeer : public RttPeer {
 public:
@@ -76,8 +97,7 @@ public:
             ::close(fd);
         });
         _client = raw::TcpConnect(port);
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
     ~RawTcpRttPeer() override
     {
@@ -88,32 +108,19 @@ public:
 
     void Run(int rounds, std::vector<double>& samples) override
     {
-        unsigned char reply[64];
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const auto start = Clock::now();
-            raw::SendAll(_client, _request, sizeof(_request));
-            if (!raw::ReceiveAll(_client, reply, sizeof(reply)) || reply[0] != _tag) {
-                throw RunFailed("tcp_rtt: wrong reply");
-            }
-            const auto end = Clock::now();
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+        unsigned char reply[RoundTrips::kSize];
+        _rounds.Run(rounds, samples, [&](const unsigned char* request, std::size_t size, unsigned char tag) {
+            raw::SendAll(_client, request, size);
+            return raw::ReceiveAll(_client, reply, sizeof(reply)) && reply[0] == tag;
+        });
     }
 
 private:
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
+    RoundTrips _rounds{"tcp_rtt"};
     int _listener = -1;
     int _client = -1;
     std::unique_ptr<Background> _server;
 };
-
-} // namespace
-
-std::unique_ptr<RttPeer> RawTcpRtt(const Counts& counts) { return std::make_unique<RawTcpRttPeer>(counts); }
-
-namespace {
 
 class RawUdpRttThreadedPeer : public RttPeer {
 public:
@@ -131,12 +138,10 @@ public:
         _clientLoop = std::make_unique<Background>([this] {
             PollingReceiveLoop(_client, _running,
                                [this](const unsigned char* data, std::size_t, const sockaddr_in&, socklen_t) {
-                                   _first.store(data[0], std::memory_order_relaxed);
-                                   _arrived.Post();
+                                   _replies.Post(data[0]);
                                });
         });
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
     ~RawUdpRttThreadedPeer() override
     {
@@ -150,30 +155,18 @@ public:
     void Run(int rounds, std::vector<double>& samples) override
     {
         const sockaddr_in destination = raw::Loopback(_port);
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const std::uint32_t seen = _arrived.Seen();
-            const auto start = Clock::now();
-            ::sendto(_client, _request, sizeof(_request), 0, reinterpret_cast<const sockaddr*>(&destination),
-                     sizeof(destination));
-            _arrived.WaitBeyond(seen);
-            const auto end = Clock::now();
-            if (_first.load(std::memory_order_relaxed) != _tag) {
-                throw RunFailed("udp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+        _rounds.Run(rounds, samples, _replies, [&](const unsigned char* request, std::size_t size) {
+            SendTo(_client, request, size, destination);
+        });
     }
 
 private:
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
+    RoundTrips _rounds{"udp_rtt"};
     unsigned short _port = 0;
     int _server = -1;
     int _client = -1;
     std::atomic<bool> _running{true};
-    Handoff _arrived;
-    std::atomic<unsigned char> _first{0};
+    ReplyHandoff _replies;
     std::unique_ptr<Background> _serverLoop;
     std::unique_ptr<Background> _clientLoop;
 };
@@ -184,22 +177,13 @@ public:
     {
         _server = raw::UdpBound(_port);
         _serverLoop = std::make_unique<Background>([server = _server] {
-            unsigned char datagram[kDatagramCapacity];
-            for (;;) {
-                sockaddr_in from{};
-                socklen_t length = sizeof(from);
-                const ssize_t n =
-                    ::recvfrom(server, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
-                if (n < 1) {
-                    return;
-                }
-                ::sendto(server, datagram, static_cast<std::size_t>(n), 0, reinterpret_cast<const sockaddr*>(&from),
-                         length);
-            }
+            BlockingReceiveLoop(server, [server](const unsigned char* data, std::size_t size, const sockaddr_in& from,
+                                                 socklen_t length) {
+                ::sendto(server, data, size, 0, reinterpret_cast<const sockaddr*>(&from), length);
+            });
         });
         _client = raw::UdpSocket();
-        std::vector<double> ignored;
-        Run(counts.rttWarmup, ignored);
+        WarmUp(counts.rttWarmup);
     }
     ~RawUdpRttBlockingPeer() override
     {
@@ -213,42 +197,20 @@ public:
     {
         const sockaddr_in destination = raw::Loopback(_port);
         unsigned char reply[kDatagramCapacity];
-        for (int i = 0; i < rounds; ++i) {
-            _request[0] = ++_tag;
-            const auto start = Clock::now();
-            ::sendto(_client, _request, sizeof(_request), 0, reinterpret_cast<const sockaddr*>(&destination),
-                     sizeof(destination));
+        _rounds.Run(rounds, samples, [&](const unsigned char* request, std::size_t size, unsigned char tag) {
+            SendTo(_client, request, size, destination);
             const ssize_t n = ::recv(_client, reply, sizeof(reply), 0);
-            const auto end = Clock::now();
-            if (n != sizeof(_request) || reply[0] != _tag) {
-                throw RunFailed("udp_rtt: wrong reply");
-            }
-            samples.push_back(MicrosecondsBetween(start, end));
-        }
+            return n == static_cast<ssize_t>(size) && reply[0] == tag;
+        });
     }
 
 private:
-    unsigned char _tag = 0;
-    unsigned char _request[64] = {};
+    RoundTrips _rounds{"udp_rtt"};
     unsigned short _port = 0;
     int _server = -1;
     int _client = -1;
     std::unique_ptr<Background> _serverLoop;
 };
-
-} // namespace
-
-std::unique_ptr<RttPeer> RawUdpRttThreaded(const Counts& counts)
-{
-    return std::make_unique<RawUdpRttThreadedPeer>(counts);
-}
-
-std::unique_ptr<RttPeer> RawUdpRttBlocking(const Counts& counts)
-{
-    return std::make_unique<RawUdpRttBlockingPeer>(counts);
-}
-
-namespace {
 
 // The TCP throughput peers share a shape: a listener, one accepted
 // connection read by a receiver thread, and a connected client.
@@ -270,6 +232,12 @@ public:
     }
 
 protected:
+    // The receivers' read: false once the client has closed.
+    auto ReadAccepted()
+    {
+        return [this](unsigned char* data, std::size_t size) { return raw::ReceiveAll(_accepted, data, size); };
+    }
+
     int _listener = -1;
     int _client = -1;
     int _accepted = -1;
@@ -283,34 +251,23 @@ public:
     // sent from there, as a stream's Write + Flush must do.
     RawTcpBulkPeer(const Counts& counts, bool copy) : _copy(copy), _source(counts.bulkChunk, 0x5a)
     {
-        _receiver = std::make_unique<Background>([this] {
-            std::vector<unsigned char> chunk(_source.size());
-            for (std::uint64_t i = 0; raw::ReceiveAll(_accepted, chunk.data(), chunk.size()); ++i) {
-                if (!CheckChunk(chunk.data(), i)) {
-                    _progress.Broken();
-                }
-                _progress.Add(1);
-            }
-        });
+        _receiver = std::make_unique<Background>([this] { ReceiveChunks(_progress, _source.size(), ReadAccepted()); });
     }
 
     BlockResult Block(int units) override
     {
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            StampChunk(_source.data(), _sent++);
-            if (_copy) {
-                _staging.assign(_source.begin(), _source.end());
-                raw::SendAll(_client, _staging.data(), _staging.size());
-                _staging.clear();
-            } else {
-                raw::SendAll(_client, _source.data(), _source.size());
-            }
-        }
-        const std::int64_t end = _progress.Wait("tcp_bulk", [this] { raw::PushTail(_client); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return ChunkBlock(
+            _progress, _sent, _source.data(), units,
+            [this] {
+                if (_copy) {
+                    _staging.assign(_source.begin(), _source.end());
+                    raw::SendAll(_client, _staging.data(), _staging.size());
+                    _staging.clear();
+                } else {
+                    raw::SendAll(_client, _source.data(), _source.size());
+                }
+            },
+            [this] { raw::PushTail(_client); });
     }
 
 private:
@@ -326,45 +283,24 @@ class RawTcpSmallPeer : public RawTcpPeer {
 public:
     RawTcpSmallPeer(int block, bool recordExtra) : _recordExtra(recordExtra)
     {
-        _receiver = std::make_unique<Background>([this, block] {
-            std::vector<unsigned char> chunk(std::size_t{4096} * 16);
-            std::uint64_t next = 0;
-            for (;;) {
-                for (auto left = static_cast<std::size_t>(block); left > 0;) {
-                    const std::size_t take = std::min<std::size_t>(4096, left);
-                    if (!raw::ReceiveAll(_accepted, chunk.data(), take * 16)) {
-                        return;
-                    }
-                    if (!CheckMessages(chunk.data(), take, next)) {
-                        _progress.Broken();
-                    }
-                    next += take;
-                    left -= take;
-                }
-                _progress.Add(block);
-            }
-        });
+        _receiver = std::make_unique<Background>([this, block] { ReceiveMessages(_progress, block, ReadAccepted()); });
     }
 
     BlockResult Block(int units) override
     {
         ProfilingSession session(_recordExtra, "bench tcp_small");
-        _progress.Expect(static_cast<std::int64_t>(_sent) + units);
-        unsigned char message[16];
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            FillMessage(message, _sent++);
-            if (_recordExtra) {
-                orvun::cpu::Profiler::Extra("TCP TX", static_cast<double>(sizeof(message)));
-            }
-            // One send per message, as a direct-mode flush does.
-            if (::send(_client, message, sizeof(message), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(message))) {
-                throw RunFailed("tcp_small: send failed");
-            }
-        }
-        const std::int64_t end = _progress.Wait("tcp_small", [this] { raw::PushTail(_client); });
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        return MessageBlock(
+            _progress, _sent, units,
+            [this](const unsigned char* message, std::size_t size) {
+                if (_recordExtra) {
+                    orvun::cpu::Profiler::Extra("TCP TX", static_cast<double>(size));
+                }
+                // One send per message, as a direct-mode flush does.
+                if (::send(_client, message, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size)) {
+                    throw RunFailed("tcp_small: send failed");
+                }
+            },
+            [this] { raw::PushTail(_client); });
     }
 
 private:
@@ -386,16 +322,9 @@ public:
                     [this](const unsigned char*, std::size_t, const sockaddr_in&, socklen_t) { _arrivals.Arrived(); });
                 return;
             }
-            unsigned char datagram[kDatagramCapacity];
-            for (;;) {
-                sockaddr_in from{};
-                socklen_t length = sizeof(from);
-                if (::recvfrom(_server, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length) <
-                    1) {
-                    return;
-                }
+            BlockingReceiveLoop(_server, [this](const unsigned char*, std::size_t, const sockaddr_in&, socklen_t) {
                 _arrivals.Arrived();
-            }
+            });
         });
     }
     ~RawUdpRatePeer() override
@@ -414,8 +343,7 @@ public:
         const sockaddr_in destination = raw::Loopback(_port);
         return UdpBlock(_arrivals, units, [&] {
             for (int i = 0; i < units; ++i) {
-                ::sendto(_client, _payload.data(), _payload.size(), 0, reinterpret_cast<const sockaddr*>(&destination),
-                         sizeof(destination));
+                SendTo(_client, _payload.data(), _payload.size(), destination);
             }
         });
     }
@@ -440,20 +368,16 @@ public:
     {
         _listener = raw::TcpListen(_port);
         _server = std::make_unique<Background>([this] {
-            for (;;) {
+            CountConnections(_progress, _stopping, [this] {
                 if (_libraryCalls) {
                     pollfd entry{_listener, POLLIN, 0};
                     if (::poll(&entry, 1, kPollMs) == 0) {
-                        continue;
+                        return false;
                     }
                 }
-                const int fd = AcceptOne(_listener);
-                ::close(fd);
-                if (_stopping.load()) {
-                    return;
-                }
-                _progress.Add(1);
-            }
+                ::close(AcceptOne(_listener));
+                return true;
+            });
         });
     }
     ~RawTcpAcceptPeer() override
@@ -468,17 +392,14 @@ public:
     BlockResult Block(int units) override
     {
         _sent += units;
-        _progress.Expect(_sent);
-        const std::int64_t start = NowNs();
-        for (int i = 0; i < units; ++i) {
-            if (_libraryCalls) {
-                LookUpLoopback();
+        return TimedBlock(_progress, "tcp_accept", _sent, units, [&] {
+            for (int i = 0; i < units; ++i) {
+                if (_libraryCalls) {
+                    LookUpLoopback();
+                }
+                ::close(raw::TcpConnect(_port));
             }
-            ::close(raw::TcpConnect(_port));
-        }
-        const std::int64_t end = _progress.Wait("tcp_accept");
-        return BlockResult{static_cast<double>(units), static_cast<double>(end - start) / 1e9,
-                           static_cast<double>(units)};
+        });
     }
 
 private:
@@ -504,6 +425,18 @@ private:
 };
 
 } // namespace
+
+std::unique_ptr<RttPeer> RawTcpRtt(const Counts& counts) { return std::make_unique<RawTcpRttPeer>(counts); }
+
+std::unique_ptr<RttPeer> RawUdpRttThreaded(const Counts& counts)
+{
+    return std::make_unique<RawUdpRttThreadedPeer>(counts);
+}
+
+std::unique_ptr<RttPeer> RawUdpRttBlocking(const Counts& counts)
+{
+    return std::make_unique<RawUdpRttBlockingPeer>(counts);
+}
 
 std::unique_ptr<BlockPeer> RawTcpBulk(const Counts& counts, bool copy)
 {

@@ -23,6 +23,14 @@ class RttPeer {
 public:
     virtual ~RttPeer() = default;
     virtual void Run(int rounds, std::vector<double>& samples) = 0;
+
+protected:
+    // Round trips whose times are dropped; peers call it once connected.
+    void WarmUp(int rounds)
+    {
+        std::vector<double> ignored;
+        Run(rounds, ignored);
+    }
 };
 
 // One side of a throughput scenario, connected when built. `Block` pushes
