@@ -3,7 +3,11 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
@@ -21,6 +25,7 @@
 #include <sstream>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -475,6 +480,66 @@ inline std::string Summary(const Profiler::Profile& record)
     std::ostringstream text;
     text << record.count << ' ' << record.total << ' ' << record.min << ' ' << record.max;
     return text.str();
+}
+
+// ---- stress tests
+
+// ORVUN_STRESS_SCALE multiplies every stress count (default 1; sanitizer
+// runs use less, long local runs more).
+inline int Scaled(int count, int minimum)
+{
+    const char* text = std::getenv("ORVUN_STRESS_SCALE");
+    const double scale = text == nullptr ? 0.0 : std::strtod(text, nullptr);
+    return std::max(minimum, static_cast<int>(std::lround(count * (scale > 0.0 ? scale : 1.0))));
+}
+
+// Bytes `offset`.. of stream `stream`: they differ between streams and
+// positions, so a lost, repeated or reordered byte shows.
+inline Bytes Pattern(std::uint64_t stream, std::uint64_t offset, size_t size)
+{
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        const std::uint64_t x = (offset + i + 1) * 0x9E3779B97F4A7C15ull ^ (stream + 1) * 0xC2B2AE3D27D4EB4Full;
+        bytes[i] = static_cast<unsigned char>(x >> 56);
+    }
+    return bytes;
+}
+
+// Raises the soft descriptor limit to make room for `needed` more (the
+// tests, not the library, own process limits).
+inline void EnsureDescriptorRoom(size_t needed)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const auto wanted = static_cast<rlim_t>(OpenDescriptors() + needed + 64);
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+// Descriptor and thread counts at construction, compared later with a
+// bounded wait (threads end and sockets close a little after their owners).
+class Baseline {
+public:
+    void ExpectRestored() const
+    {
+        EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() == _descriptors; }, std::chrono::seconds(20)))
+            << OpenDescriptors() << " descriptors now, " << _descriptors << " at the start";
+        EXPECT_TRUE(WaitFor([&] { return ThreadCount() == _threads; }, std::chrono::seconds(20)))
+            << ThreadCount() << " threads now, " << _threads << " at the start";
+    }
+
+private:
+    size_t _descriptors = OpenDescriptors();
+    size_t _threads = ThreadCount();
+};
+
+// One figure of a stress run, for the reliability notes.
+inline void Figure(const char* name, double value)
+{
+    std::printf("[ figure ] %s = %.0f\n", name, value);
+    std::fflush(stdout);
 }
 
 } // namespace support

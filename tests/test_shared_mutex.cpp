@@ -21,67 +21,54 @@ using support::WaitFor;
     std::_Exit(1);
 }
 
-// A thread that asks for the exclusive mode and keeps it until released.
-class Writer {
+// A thread running `body`. Finish joins it, and ends the test program if
+// the body has not returned within the bound.
+class Bounded {
 public:
-    explicit Writer(SharedMutex& lock)
-        : _thread([this, &lock] {
-              lock.Lock();
-              _holding = true;
-              WaitFor([this] { return _release.load(); });
-              _holding = false;
-              lock.Unlock();
+    template <typename Body> explicit Bounded(Body body)
+        : _thread([this, body] {
+              body();
               _done = true;
           })
     {
     }
-    ~Writer()
+    void Finish(const char* what)
     {
-        _release = true;
         if (!WaitFor([this] { return _done.load(); })) {
-            Stuck("a writer never got the lock");
+            Stuck(what);
         }
         _thread.join();
     }
-    bool Holding() const { return _holding; }
 
 private:
-    std::atomic<bool> _holding{false};
-    std::atomic<bool> _release{false};
     std::atomic<bool> _done{false};
     std::thread _thread;
 };
 
-// Takes and gives back a shared hold on another thread; dies if it cannot.
+// Takes and gives back a shared hold on another thread.
 void SharedHoldFrom(SharedMutex& lock)
 {
-    std::atomic<bool> held{false};
-    std::thread reader([&] {
-        SharedMutex::SharedHold hold(lock);
-        held = true;
-    });
-    if (!WaitFor([&] { return held.load(); })) {
-        Stuck("a reader never got the lock");
-    }
-    reader.join();
+    Bounded([&] { SharedMutex::SharedHold hold(lock); }).Finish("a reader never got the lock");
 }
 
 TEST(SharedMutexTest, ReadersShareAndAWaitingWriterDoesNotHoldThemBack)
 {
     SharedMutex lock;
+    std::atomic<bool> holding{false};
     lock.LockShared();
     SharedHoldFrom(lock); // a second reader gets in beside the first
-    {
-        Writer writer(lock);
-        // The writer cannot get in while a reader holds the lock...
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        EXPECT_FALSE(writer.Holding());
-        // ...and new readers are still let in while it waits.
-        SharedHoldFrom(lock);
-        EXPECT_FALSE(writer.Holding());
-        lock.UnlockShared();
-        EXPECT_TRUE(WaitFor([&] { return writer.Holding(); })) << "the writer was not woken by the last reader";
-    }
+    Bounded writer([&] {
+        SharedMutex::ExclusiveHold hold(lock);
+        holding = true;
+    });
+    // The writer cannot get in while a reader holds the lock...
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(holding);
+    // ...and new readers are still let in while it waits.
+    SharedHoldFrom(lock);
+    EXPECT_FALSE(holding);
+    lock.UnlockShared();
+    writer.Finish("the writer was not woken by the last reader");
     EXPECT_EQ(lock.readers, 0);
     EXPECT_FALSE(lock.writing);
 }
@@ -92,11 +79,11 @@ TEST(SharedMutexTest, AWriterKeepsReadersAndWritersOut)
     std::atomic<bool> readerIn{false};
     std::atomic<bool> secondWriterIn{false};
     lock.Lock();
-    std::thread reader([&] {
+    Bounded reader([&] {
         SharedMutex::SharedHold hold(lock);
         readerIn = true;
     });
-    std::thread writer([&] {
+    Bounded writer([&] {
         SharedMutex::ExclusiveHold hold(lock);
         secondWriterIn = true;
     });
@@ -104,11 +91,8 @@ TEST(SharedMutexTest, AWriterKeepsReadersAndWritersOut)
     EXPECT_FALSE(readerIn.load());
     EXPECT_FALSE(secondWriterIn.load());
     lock.Unlock();
-    if (!WaitFor([&] { return readerIn && secondWriterIn; })) {
-        Stuck("waiters were not woken when the writer left");
-    }
-    reader.join();
-    writer.join();
+    reader.Finish("a reader was not woken when the writer left");
+    writer.Finish("a writer was not woken when the writer left");
 }
 
 // Readers and writers hammering one lock from several threads: a writer's

@@ -4,19 +4,13 @@
 //
 // The child is this program started again with kChildFlag and the number of
 // connections to expect, so the limit never touches the test process.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 
-#include "StressSupport.h"
+#include "Support.h"
 #include "net/Socket.h"
-
-extern char** environ;
 
 namespace {
 
@@ -104,87 +98,27 @@ int RunChild(int expected)
 
 // ---------------------------------------------------------------- parent
 
-// The child process, killed and reaped if the test ends early.
-class Child {
-public:
-    explicit Child(int connections)
-    {
-        int fromChild[2];
-        if (pipe2(fromChild, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "pipe2 failed";
-            return;
-        }
-        _output = support::Fd(fromChild[0]);
-        support::Fd childOut(fromChild[1]);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, childOut.Get(), STDOUT_FILENO);
-        std::string count = std::to_string(connections);
-        char* argv[] = {const_cast<char*>("stress_exhaustion"), const_cast<char*>(kChildFlag), count.data(), nullptr};
-        const int spawned = posix_spawn(&_pid, "/proc/self/exe", &actions, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) {
-            _pid = -1;
-            ADD_FAILURE() << "posix_spawn failed: " << std::strerror(spawned);
-        }
-    }
-    ~Child()
-    {
-        if (_pid > 0) {
-            kill(_pid, SIGKILL);
-            waitpid(_pid, nullptr, 0);
-        }
-    }
-
-    bool Started() const { return _pid > 0; }
-    // The next line the child prints, within two minutes; empty on time-out or end of output.
-    std::string Receive()
-    {
-        const auto deadline = std::chrono::steady_clock::now() + 120s;
-        while (_pending.find('\n') == std::string::npos) {
-            pollfd entry{_output.Get(), POLLIN, 0};
-            char chunk[256];
-            if (std::chrono::steady_clock::now() > deadline) {
-                return {};
-            }
-            if (poll(&entry, 1, 100) == 1) {
-                const ssize_t n = read(_output.Get(), chunk, sizeof(chunk));
-                if (n <= 0) {
-                    return {};
-                }
-                _pending.append(chunk, static_cast<size_t>(n));
-            }
-        }
-        std::string line = _pending.substr(0, _pending.find('\n'));
-        _pending.erase(0, line.size() + 1);
-        return line;
-    }
-
-    // Waits for the child to end within a minute; its exit status, or -1.
-    int Wait()
-    {
-        int status = 0;
-        if (!support::WaitFor([&] { return waitpid(_pid, &status, WNOHANG) == _pid; }, 60s)) {
-            return -1;
-        }
-        _pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-private:
-    pid_t _pid = -1;
-    support::Fd _output;
-    std::string _pending;
-};
+// The next line the child printed, without its newline; empty at its end.
+std::string Line(FILE* child)
+{
+    char line[256] = "";
+    return std::fgets(line, sizeof(line), child) == nullptr ? "" : std::string(line, std::strcspn(line, "\n"));
+}
 
 TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
 {
-    const int connections = kHeadroom + stress::Scaled(48, 8);
-    stress::EnsureDescriptorRoom(static_cast<size_t>(connections));
-    Child child(connections);
-    ASSERT_TRUE(child.Started());
+    const int connections = kHeadroom + support::Scaled(48, 8);
+    support::EnsureDescriptorRoom(static_cast<size_t>(connections));
+    // `timeout` bounds every read below: the child cannot outlive it.
+    char self[4096] = "";
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    const std::string command =
+        "timeout -s KILL 180 '" + std::string(self) + "' " + kChildFlag + " " + std::to_string(connections);
+    std::unique_ptr<FILE, int (*)(FILE*)> output(popen(command.c_str(), "r"), pclose);
+    ASSERT_NE(output, nullptr);
+    FILE* child = output.get();
     unsigned port = 0;
-    const std::string ready = child.Receive();
+    const std::string ready = Line(child);
     ASSERT_EQ(std::sscanf(ready.c_str(), "ready %u", &port), 1) << "child said: " << ready;
     std::vector<support::Fd> clients;
     for (int i = 0; i < connections; ++i) {
@@ -193,7 +127,7 @@ TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
     // The child takes what its limit allows, then spends a while unable to
     // accept while the rest wait in its queue.
     int held = -1;
-    const std::string heldLine = child.Receive();
+    const std::string heldLine = Line(child);
     ASSERT_EQ(std::sscanf(heldLine.c_str(), "held %d", &held), 1) << "child said: " << heldLine;
     EXPECT_LT(held, connections) << "the limit was never reached";
     EXPECT_GT(held, 0);
@@ -206,9 +140,9 @@ TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
         greeted += support::ReadExactly(client.Get(), 1, std::max(left, 1ms)) == support::Bytes{'!'} ? 1 : 0;
     }
     EXPECT_EQ(greeted, connections) << "accepting did not resume";
-    EXPECT_EQ(child.Receive(), "accepted " + std::to_string(connections) + " clean");
-    EXPECT_EQ(child.Wait(), 0);
-    stress::Figure("connections that waited out descriptor exhaustion", connections - held);
+    EXPECT_EQ(Line(child), "accepted " + std::to_string(connections) + " clean");
+    EXPECT_EQ(pclose(output.release()), 0);
+    support::Figure("connections that waited out descriptor exhaustion", connections - held);
 }
 
 } // namespace

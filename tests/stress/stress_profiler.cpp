@@ -2,7 +2,7 @@
 // scopes and record extras while another reads the tables out.
 #include <sstream>
 
-#include "StressSupport.h"
+#include "Support.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ void Writer(int index, int iterations)
 TEST(ProfilerStress, EightWritersAndAReader)
 {
     constexpr int kWriters = 8;
-    const int iterations = stress::Scaled(20000, 100);
+    const int iterations = support::Scaled(20000, 100);
     support::ResetProfiler(true);
     std::atomic<int> running{kWriters};
     std::atomic<int> reports{0};
@@ -110,9 +110,9 @@ TEST(ProfilerStress, EightWritersAndAReader)
         }
         EXPECT_EQ(tables.extras.count(own), 1u);
     }
-    stress::Figure("profiler scopes closed",
-                   static_cast<double>(kWriters) * (2 * iterations + nestedTwice + nestedThrice + untimedCount));
-    stress::Figure("profiler reports read meanwhile", reports);
+    support::Figure("profiler scopes closed",
+                    static_cast<double>(kWriters) * (2 * iterations + nestedTwice + nestedThrice + untimedCount));
+    support::Figure("profiler reports read meanwhile", reports);
 }
 
 } // namespace

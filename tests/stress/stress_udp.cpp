@@ -1,9 +1,9 @@
 // UDP under load: a hundred thousand request/answer pairs through one
-// listener, and listeners destroyed while datagrams keep arriving.
+// listener; and TCP and UDP listeners destroyed while traffic keeps arriving.
+#include <cstring>
 #include <memory>
-#include <mutex>
 
-#include "StressSupport.h"
+#include "Support.h"
 #include "net/Socket.h"
 
 namespace {
@@ -11,17 +11,23 @@ namespace {
 using namespace orvun::net;
 using namespace std::chrono_literals;
 using orvun::filesystem::ReadOnlyStream;
-using stress::GetU32;
 using support::Bytes;
+
+std::uint32_t GetU32(const unsigned char* at)
+{
+    std::uint32_t value;
+    std::memcpy(&value, at, sizeof(value));
+    return value;
+}
 
 // A datagram is a header (sender, sequence number) and a payload that
 // follows the pattern of (sender, sequence); the answer carries the same
 // header and the payload reversed.
 Bytes Datagram(std::uint32_t sender, std::uint32_t sequence, size_t payload)
 {
-    Bytes bytes = stress::Pattern(std::uint64_t{sender} << 32 | sequence, 0, payload + 8);
-    stress::PutU32(bytes.data(), sender);
-    stress::PutU32(bytes.data() + 4, sequence);
+    Bytes bytes = support::Pattern(std::uint64_t{sender} << 32 | sequence, 0, payload + 8);
+    std::memcpy(bytes.data(), &sender, 4);
+    std::memcpy(bytes.data() + 4, &sequence, 4);
     return bytes;
 }
 
@@ -35,13 +41,6 @@ bool Intact(Bytes datagram, bool reversed)
         std::reverse(datagram.begin() + 8, datagram.end());
     }
     return datagram == Datagram(GetU32(datagram.data()), GetU32(datagram.data() + 4), datagram.size() - 8);
-}
-
-Bytes ReadAll(ReadOnlyStream& stream)
-{
-    Bytes bytes(stream.GetBufferSize());
-    stream.Read(bytes.data(), bytes.size());
-    return bytes;
 }
 
 // Sends `requests` datagrams from a socket of its own, never more than
@@ -68,7 +67,8 @@ struct Sender {
                 bytes += request.size();
                 if (sent++ == 0) {
                     // The first send gave the socket its port; answers queue until the loop runs.
-                    socket.Receive([&](const UdpSocket&, ReadOnlyStream&& stream) { answers.Push(ReadAll(stream)); });
+                    socket.Receive(
+                        [&](const UdpSocket&, ReadOnlyStream&& stream) { answers.Push(support::Buffered(stream)); });
                 }
                 continue;
             }
@@ -95,14 +95,14 @@ struct Sender {
 // and the profiler counted every datagram received.
 TEST(UdpStress, HundredThousandDatagramsAnswered)
 {
-    const int perSender = stress::Scaled(100000, 100) / 2;
+    const int perSender = support::Scaled(100000, 100) / 2;
     support::ResetProfiler(true);
     std::atomic<int> requests{0};
     std::atomic<int> badRequests{0};
     std::uint64_t bytes = 0;
     {
         UdpListener listener("127.0.0.1", 0, [&](const UdpSocket& socket, ReadOnlyStream&& stream) {
-            Bytes request = ReadAll(stream);
+            Bytes request = support::Buffered(stream);
             ++requests;
             badRequests += Intact(request, false) ? 0 : 1;
             std::reverse(request.begin() + std::min<size_t>(8, request.size()), request.end());
@@ -134,77 +134,111 @@ TEST(UdpStress, HundredThousandDatagramsAnswered)
     }
     EXPECT_EQ(received, 4 * perSender);
     support::ResetProfiler(false);
-    stress::Figure("udp datagrams answered", 2 * perSender);
-    stress::Figure("udp bytes round-tripped", static_cast<double>(bytes));
+    support::Figure("udp datagrams answered", 2 * perSender);
+    support::Figure("udp bytes round-tripped", static_cast<double>(bytes));
 }
 
-// A listener destroyed again and again while two senders keep sending to
-// it, half of the datagrams answered: no crash, no hang, nothing left behind.
-TEST(UdpStress, ListenerDestroyedWhileDatagramsArrive)
+// A TCP and a UDP listener, of alternating families, destroyed again and
+// again while a thread connects to one and another sends datagrams to the
+// other, half of them answered or kept: no crash, no hang, nothing left.
+TEST(ListenerStress, DestroyedWhileTrafficArrives)
 {
-    const int rounds = stress::Scaled(200, 5);
-    const stress::ResourceBaseline baseline;
-    // The port of the listener now up and its family (bit 16); 0 between
-    // listeners, so that no datagram goes to a port that is no longer ours.
-    std::atomic<int> target{0};
+    const int rounds = support::Scaled(200, 5);
+    const support::Baseline baseline;
+    // Family (bit 16) and port of each listener now up; 0 between rounds, so
+    // that no traffic goes to a port that is no longer ours.
+    std::atomic<int> tcpTarget{0};
+    std::atomic<int> udpTarget{0};
     std::atomic<bool> stop{false};
-    std::vector<std::thread> senders;
-    for (int t = 0; t < 2; ++t) {
-        senders.emplace_back([&, t] {
-            unsigned short own = 0;
-            support::Fd socket = support::RawUdp(t == 1, own);
-            std::mt19937 random(static_cast<unsigned>(t));
-            unsigned char drain[2048];
-            while (!stop) {
-                const int now = target;
-                const auto port = static_cast<unsigned short>(now & 0xffff);
-                if (port != 0 && (now >> 16) == t) {
-                    // Some longer than the loop's 1400 bytes; none empty, since
-                    // an empty datagram ends a receive loop.
-                    const Bytes datagram = stress::Pattern(random(), 0, 1 + random() % 2000);
-                    socklen_t length;
-                    const auto address = support::Loopback(t == 1, port, length);
-                    static_cast<void>(sendto(socket.Get(), datagram.data(), datagram.size(), 0,
-                                             reinterpret_cast<const sockaddr*>(&address), length));
-                    while (recv(socket.Get(), drain, sizeof(drain), MSG_DONTWAIT) > 0) {
-                    }
+    std::thread connector([&] {
+        while (!stop) {
+            const int now = tcpTarget;
+            try {
+                if (now != 0) {
+                    TcpSocket client((now >> 16) != 0 ? "::1" : "127.0.0.1", static_cast<unsigned short>(now), 0, 2000);
+                    support::Put(client, support::Pattern(0, 0, 100));
+                    client.Flush();
                 }
-                std::this_thread::sleep_for(port == 0 ? 1000us : 50us);
+            } catch (const SocketError&) {
+                // Refused or reset: that listener is gone.
             }
-        });
-    }
+            // Steady traffic without running through the ephemeral ports.
+            std::this_thread::sleep_for(now == 0 ? 1000us : 250us);
+        }
+    });
+    std::thread sender([&] {
+        support::Fd sockets[2];
+        for (const bool ipv6 : {false, true}) {
+            unsigned short own = 0;
+            sockets[ipv6] = support::RawUdp(ipv6, own);
+        }
+        std::mt19937 random(3);
+        unsigned char drain[2048];
+        while (!stop) {
+            const int now = udpTarget;
+            const int fd = sockets[(now >> 16) != 0].Get();
+            if (now != 0) {
+                // Some longer than the loop's 1400 bytes; none empty, since
+                // an empty datagram ends a receive loop.
+                socklen_t length;
+                const auto address = support::Loopback((now >> 16) != 0, static_cast<unsigned short>(now), length);
+                const Bytes datagram = support::Pattern(random(), 0, 1 + random() % 2000);
+                static_cast<void>(sendto(fd, datagram.data(), datagram.size(), 0,
+                                         reinterpret_cast<const sockaddr*>(&address), length));
+                while (recv(fd, drain, sizeof(drain), MSG_DONTWAIT) > 0) {
+                }
+            }
+            std::this_thread::sleep_for(now == 0 ? 1000us : 50us);
+        }
+    });
+    std::atomic<int> accepted{0};
     std::atomic<int> handled{0};
     auto slowest = std::chrono::steady_clock::duration::zero();
     for (int round = 0; round < rounds; ++round) {
-        // Alternate families; each sender sends to one of them.
         const bool ipv6 = round % 2 == 1;
-        const int before = handled;
-        auto listener = std::make_unique<UdpListener>(
-            ipv6 ? "::1" : "127.0.0.1", 0, [&](const UdpSocket& socket, ReadOnlyStream&& stream) {
-                if (handled++ % 2 == 0) {
-                    UdpSocket reply(socket);
-                    reply.Write(stream.GetBufferData(), stream.GetBufferSize());
-                    reply.Flush();
-                }
-            });
-        target = listener->GetLocalPort() | (ipv6 ? 1 << 16 : 0);
-        const bool reached = support::WaitFor([&] { return handled > before; }, 20s);
-        EXPECT_TRUE(reached) << "no datagram reached listener " << round;
-        EXPECT_EQ(listener->GetThreadError(), nullptr);
-        slowest = std::max(slowest, support::TimeOf([&] { listener.reset(); }));
-        target = 0;
+        const char* host = ipv6 ? "::1" : "127.0.0.1";
+        const int acceptedBefore = accepted;
+        const int handledBefore = handled;
+        std::vector<std::unique_ptr<TcpSocket>> kept;
+        auto tcp = std::make_unique<TcpListener>(host, 0, [&](std::unique_ptr<TcpSocket> socket) {
+            if (accepted++ % 2 == 0) {
+                kept.push_back(std::move(socket));
+            }
+        });
+        auto udp = std::make_unique<UdpListener>(host, 0, [&](const UdpSocket& socket, ReadOnlyStream&& stream) {
+            if (handled++ % 2 == 0) {
+                UdpSocket reply(socket);
+                reply.Write(stream.GetBufferData(), stream.GetBufferSize());
+                reply.Flush();
+            }
+        });
+        tcpTarget = tcp->GetLocalPort() | (ipv6 ? 1 << 16 : 0);
+        udpTarget = udp->GetLocalPort() | (ipv6 ? 1 << 16 : 0);
+        const bool reached =
+            support::WaitFor([&] { return accepted > acceptedBefore && handled > handledBefore; }, 20s);
+        EXPECT_TRUE(reached) << "no traffic reached the listeners of round " << round;
+        EXPECT_EQ(tcp->GetThreadError(), nullptr);
+        EXPECT_EQ(udp->GetThreadError(), nullptr);
+        slowest = std::max(slowest, support::TimeOf([&] {
+                               tcp.reset();
+                               udp.reset();
+                           }));
+        tcpTarget = 0;
+        udpTarget = 0;
         if (!reached) {
             break;
         }
     }
+    // An idle loop notices the stop within one poll period; allow a wide
+    // margin for a loaded machine.
     EXPECT_LT(slowest, 5s);
     stop = true;
-    for (auto& t : senders) {
-        t.join();
-    }
+    connector.join();
+    sender.join();
     baseline.ExpectRestored();
-    stress::Figure("udp listeners destroyed under traffic", rounds);
-    stress::Figure("udp datagrams handled meanwhile", handled);
+    support::Figure("listener pairs destroyed under traffic", rounds);
+    support::Figure("tcp connections accepted meanwhile", accepted);
+    support::Figure("udp datagrams handled meanwhile", handled);
 }
 
 } // namespace
