@@ -58,6 +58,9 @@ ssize_t Send(int descriptor, const unsigned char* data, size_t size)
     return ::send(descriptor, data, size, MSG_NOSIGNAL);
 }
 
+// One recv() into `data`; -1 with errno on failure.
+ssize_t Receive(int descriptor, unsigned char* data, size_t size) { return ::recv(descriptor, data, size, 0); }
+
 void NameThread(const char* name) { static_cast<void>(::pthread_setname_np(::pthread_self(), name)); }
 
 } // namespace sys
@@ -277,7 +280,7 @@ void TcpSocket::Read(unsigned char* data, unsigned long size)
 {
     unsigned long received = 0;
     while (received < size) {
-        const ssize_t count = ::recv(_socket, data + received, size - received, 0);
+        const ssize_t count = sys::Receive(_socket, data + received, size - received);
         if (count > 0) {
             received += static_cast<unsigned long>(count);
         } else if (count == 0) {
@@ -286,6 +289,35 @@ void TcpSocket::Read(unsigned char* data, unsigned long size)
             throw ReceiveError("TCP Socket Faild to RECV");
         }
     }
+}
+
+unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size)
+{
+    if (size == 0) {
+        return 0;
+    }
+    for (;;) {
+        const ssize_t count = sys::Receive(_socket, data, size);
+        if (count >= 0) {
+            return static_cast<unsigned long>(count);
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            throw ReceiveError("TCP Socket Faild to RECV");
+        }
+    }
+}
+
+void TcpSocket::Shutdown() noexcept
+{
+    // Not close(): a thread blocked on the descriptor must never see its
+    // number reused by another socket. The destructor closes it.
+    static_cast<void>(::shutdown(_socket, SHUT_RDWR));
+}
+
+void TcpSocket::SetNoDelay(bool on) noexcept
+{
+    const int value = on ? 1 : 0;
+    sys::SetOption(_socket, IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value));
 }
 
 void TcpSocket::Flush()
@@ -499,13 +531,27 @@ void UdpSocket::Receive(Callback&& callback)
         throw std::logic_error("UdpSocket::Receive: the socket already has a receive thread");
     }
     // The loop gets its own copy; the caller's function object stays as it is.
-    _receiveThread = std::make_unique<std::thread>([this, handler = callback] { RunReceiveLoop(handler); });
+    _receiving = true;
+    try {
+        _receiveThread = std::make_unique<std::thread>([this, handler = callback] { RunReceiveLoop(handler); });
+    } catch (...) {
+        _receiving = false;
+        throw;
+    }
 }
 
 std::exception_ptr UdpSocket::GetThreadError() const { return _threadError.Get(); }
 
+bool UdpSocket::IsReceiving() const noexcept { return _receiving; }
+
 void UdpSocket::RunReceiveLoop(const Callback& callback)
 {
+    // Cleared on every way out of the loop, after a thread error is stored, so
+    // that an owner who sees the loop ended also sees why.
+    struct Ended {
+        std::atomic<bool>& receiving;
+        ~Ended() { receiving = false; }
+    } ended{_receiving};
     sys::NameThread("ORVUN_UDP_Lisn");
     try {
         Profiler::SetThreadName("ORVUN_UDP_Lisn");

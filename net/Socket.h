@@ -167,8 +167,9 @@ class TcpListener;
 // for an exact number of bytes. Neither copyable nor movable: accepted
 // connections come as std::unique_ptr<TcpSocket>.
 //
-// Threads: one thread at a time calls Write, Flush, Read and the destructor;
-// `IsIdle` may be called from any thread.
+// Threads: one thread at a time calls Write, Flush, Read, ReadSome and the
+// destructor; `IsIdle`, `Shutdown` and `SetNoDelay` may be called from any
+// thread.
 class ORVUN_NET_API TcpSocket : public Socket {
 public:
     // Connects to `host`:`port`, blocking the calling thread meanwhile. `size`
@@ -176,7 +177,8 @@ public:
     // milliseconds (0: none). Throws ResolveError or ConnectionError ("TCP
     // Connection failed"), with nothing left open. Nagle's algorithm stays on:
     // write a whole request, then Flush once, or the second part of a split
-    // request can wait for the peer's delayed acknowledgement (about 40 ms).
+    // request can wait for the peer's delayed acknowledgement (about 40 ms);
+    // `SetNoDelay(true)` switches it off.
     TcpSocket(const std::string& host, unsigned short port, unsigned long size, long timeout);
     TcpSocket(const TcpSocket&) = delete;
     TcpSocket& operator=(const TcpSocket&) = delete;
@@ -185,16 +187,43 @@ public:
     ~TcpSocket() override;
 
     // Fills `data` with exactly `size` bytes, blocking the calling thread until
-    // they have arrived; another thread cannot interrupt it (wait with `Poll`
-    // first to stay responsive). Throws Disconnected when the peer closes first
-    // (the bytes received so far are in `data`) and ReceiveError when `recv`
-    // fails (a reset, a signal).
+    // they have arrived. Throws Disconnected when the peer closes first, or
+    // after `Shutdown` (the bytes received so far are in `data`), and
+    // ReceiveError when `recv` fails (a reset, a signal).
     void Read(unsigned char* data, unsigned long size) override;
+    // Waits until at least one byte has arrived, then copies what one `recv`
+    // gives, at most `size` bytes, into `data` and returns the count. Returns
+    // 0 at end of stream (the peer has closed its sending side, or `Shutdown`
+    // was called), and at once without a system call when `size` is 0. Throws
+    // ReceiveError ("TCP Socket Faild to RECV") when `recv` fails, e.g. on a
+    // reset; interruptions by signals are retried. Keeps no bytes of its own,
+    // so it mixes freely with `Read`:
+    //     while ((n = socket.ReadSome(buffer, sizeof buffer)) > 0) { ... }
+    unsigned long ReadSome(unsigned char* data, unsigned long size);
     // Sends the buffered bytes with one `send` and empties the buffer; a short
     // send is not retried. Throws SendError ("TCP Socket send failed: " and
-    // errno) and keeps the buffer. In worker mode it only queues the bytes.
-    // Records the profiler extra "TCP TX".
+    // errno) and keeps the buffer; `Stream::Flush()` drops those bytes
+    // instead. In worker mode it only queues the bytes. Records the profiler
+    // extra "TCP TX".
+    // A signal handled by the flushing thread (any handler, SA_RESTART or not)
+    // can end a blocked `send` early: it returns the count sent so far, and the
+    // rest of the buffer is dropped without an error. Keep handled signals out
+    // of threads that flush large buffers (block them with pthread_sigmask and
+    // take them in one thread with sigwait).
     void Flush() override;
+    // Shuts the connection down in both directions (shutdown(SHUT_RDWR)). Any
+    // thread may call it at any time, also while another thread is blocked on
+    // this socket: `Read` then throws Disconnected, `ReadSome` returns 0,
+    // `Poll` reports the socket ready, and `Flush` throws SendError or returns
+    // after a short send whose rest is dropped; the flush worker's next send
+    // fails. The descriptor stays open until the destructor, so no thread ever
+    // uses a closed or reused descriptor number. Calling it again, or after the
+    // peer has gone, does nothing. Throws nothing.
+    void Shutdown() noexcept;
+    // Switches Nagle's algorithm off (`on` true: TCP_NODELAY set) or back on.
+    // Client sockets start with it on, accepted sockets with it off. Any
+    // thread; throws nothing (a refused option is ignored).
+    void SetNoDelay(bool on) noexcept;
     // Starts the flush worker "ORVUN_TCP_FLUSH": from now on `Flush` queues
     // and the worker sends everything queued with one `send`. A failed worker
     // send writes one line to stderr and returns the socket to direct mode.
@@ -227,14 +256,17 @@ private:
 // closed when it returns. Neither copyable nor movable.
 //
 // Threads: constructor, destructor and accessors on the owner's thread; the
-// callback on the accept thread, which must not destroy the listener.
+// callback on the accept thread, which must not destroy the listener. A thread
+// the callback starts inherits the name "ORVUN_TCP_Lisn"; name it yourself.
 class ORVUN_NET_API TcpListener : public Socket {
 public:
     using Callback = std::function<void(std::unique_ptr<TcpSocket>)>;
 
     // Binds (address and port reuse; port 0: the system chooses, see
     // GetLocalPort), listens and starts the accept thread, which owns
-    // `callback` from then on. Throws ResolveError, BindError ("TCP Bind
+    // `callback` from then on. Because of SO_REUSEPORT a second listener of the
+    // same user on a busy port starts without error and the kernel shares the
+    // incoming connections between the two. Throws ResolveError, BindError ("TCP Bind
     // failed"), ListenError or std::system_error, with nothing left open.
     // After ResolveError, BindError or ListenError `callback` is untouched;
     // when the thread cannot start it has already been moved and is gone.
@@ -302,12 +334,20 @@ public:
     // a receive thread exists already, std::system_error when it cannot start.
     // The callback runs on the receive thread, one datagram at a time; the
     // thread owns its copy and destroys it when it ends. The stream it gets is
-    // destroyed when it returns.
+    // destroyed when it returns. Threads the callback starts inherit the name
+    // "ORVUN_UDP_Lisn".
     void Receive(Callback&& callback);
 
     // The exception that ended the receive loop (a PollError, or what the
-    // callback threw); null otherwise. Any thread, any time.
+    // callback threw); null otherwise, also when a zero-length datagram or a
+    // failed receive ended it. Any thread, any time.
     std::exception_ptr GetThreadError() const;
+    // True from `Receive` until the receive loop has ended, whatever ended it:
+    // a zero-length datagram, a failed receive, an exception (see
+    // GetThreadError) or the destructor. A listener whose loop has ended
+    // receives nothing more; build a new one on the same port. Any thread, any
+    // time.
+    bool IsReceiving() const noexcept;
 
 protected:
     // Clears `_running` and joins the receive thread, if any.
@@ -322,6 +362,7 @@ protected:
 private:
     void RunReceiveLoop(const Callback& callback);
     detail::ThreadError _threadError;
+    std::atomic<bool> _receiving{false};
 };
 
 // A UDP socket bound to a host and port (address and port reuse) whose
@@ -332,7 +373,9 @@ private:
 class ORVUN_NET_API UdpListener : public UdpSocket {
 public:
     // Binds `host`:`port` (port 0: the system chooses; see GetLocalPort) and
-    // starts the receive thread "ORVUN_UDP_Lisn" with `callback`. Throws
+    // starts the receive thread "ORVUN_UDP_Lisn" with `callback`. Because of
+    // SO_REUSEPORT a second listener of the same user on a busy port starts
+    // without error and takes part of the datagrams. Throws
     // ResolveError, BindError ("UDP Bind failed") or std::system_error, with
     // nothing left open or running.
     UdpListener(const std::string& host, unsigned short port, Callback&& callback);
@@ -344,8 +387,10 @@ public:
     // Sends the buffer as one datagram to `host`:`port` from the bound port
     // and empties it. The family is the listener's: on an IPv6 listener text
     // with a colon is an IPv6 literal and anything else is refused unless the
-    // IPv4 lookup gives an IPv6 address. Throws ResolveError or SendError; the
-    // buffer is kept then. Records "UDP TX".
+    // IPv4 lookup gives an IPv6 address, so an IPv6 listener bound to "::"
+    // reaches an IPv4 peer only through IPv4-mapped text ("::ffff:127.0.0.1").
+    // Throws ResolveError or SendError; the buffer is kept then (`Stream::Flush()`
+    // drops it). Records "UDP TX".
     void SendTo(const std::string& host, unsigned short port);
 };
 
