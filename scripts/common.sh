@@ -22,8 +22,12 @@ parse_clean_flag() {
 configure_preset() {
     local preset=$1
     shift
-    local fresh=()
+    local fresh=() cache="build/$preset/CMakeCache.txt"
     [ "${CLEAN:-0}" != 1 ] || fresh=(--fresh)
+    # A folder left by an older script may hold another source tree's cache.
+    if [ -f "$cache" ] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$cache"; then
+        fresh=(--fresh)
+    fi
     cmake --preset "$preset" "${fresh[@]}" "$@"
 }
 
