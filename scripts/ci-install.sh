@@ -25,7 +25,7 @@ fail() {
 }
 # The Orvun libraries a program or library asks for, and where they are found.
 orvun_needs() {
-    readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(libOrvun.*\)\]/\1/p' | tr '\n' ' '
+    readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(libOrvun.*\)\]/\1/p' | paste -sd ' ' -
 }
 
 echo "== build (preset release) and install into $prefix"
