@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
-# Installs OrvunNet into a temporary prefix and checks what a user gets:
-# the files and their SONAMEs, that the libraries export only the orvun
-# namespace, and a small consumer built and run once through
-# find_package(OrvunNet) and once through pkg-config.
+# Installs OrvunNet into a prefix under a temporary folder and checks what a
+# user gets: the files and their SONAMEs, that the libraries export only the
+# orvun namespace and find each other through RUNPATH $ORIGIN, and two
+# programs built against the prefix and run with no LD_LIBRARY_PATH:
+# tests/consumer (profiler and sockets) through find_package and pkg-config,
+# and tests/consumer-net (sockets only) with the README's CMake and
+# pkg-config recipes. Last, the prefix is moved and the libraries must still
+# find each other. Installs nothing: it names what is missing. Builds
+# incrementally with the preset release (--clean or CLEAN=1: from scratch).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh cmake g++ make pkg-config binutils
-jobs=${JOBS:-$(nproc)}
+source scripts/common.sh
+parse_clean_flag "bash scripts/ci-install.sh [--clean]" "$@"
+bash scripts/install-deps.sh --check cmake g++ make pkg-config binutils
+# Whatever runs below finds the libraries by itself or not at all.
+unset LD_LIBRARY_PATH
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvun-install.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -15,12 +23,15 @@ fail() {
     echo "ci-install: $*" >&2
     exit 1
 }
+# The Orvun libraries a program or library asks for, and where they are found.
+orvun_needs() {
+    readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(libOrvun.*\)\]/\1/p' | paste -sd ' ' -
+}
 
-echo "== build and install into $prefix"
-cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DORVUN_WARNINGS_AS_ERRORS=ON \
-    -DORVUN_BUILD_TESTS=OFF -DORVUN_BUILD_EXAMPLES=ON >/dev/null
-cmake --build "$work/build" -j "$jobs"
-cmake --install "$work/build" --prefix "$prefix"
+echo "== build (preset release) and install into $prefix"
+configure_preset release >/dev/null
+build_preset release
+cmake --install build/release --prefix "$prefix" >/dev/null
 
 echo "== installed layout"
 libdir=$(dirname "$(find "$prefix" -name libOrvunNet.so -print -quit)")
@@ -33,6 +44,9 @@ for library in OrvunNet OrvunCpu OrvunFileSystem; do
     soname=$(readelf -d "$libdir/lib$library.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
     [ "$soname" = "lib$library.so.0.1" ] || fail "lib$library.so has SONAME '$soname'"
     [ -f "$libdir/lib$library.so.0.1.0" ] || fail "lib$library.so.0.1.0 is missing"
+    runpath=$(readelf -d "$libdir/lib$library.so" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p')
+    # shellcheck disable=SC2016 # the literal text $ORIGIN
+    [ "$runpath" = '$ORIGIN' ] || fail "lib$library.so has RUNPATH '$runpath', not \$ORIGIN"
     # Every exported definition belongs to the orvun namespace (its functions,
     # static tables, type information and virtual tables).
     foreign=$(nm -DC --defined-only "$libdir/lib$library.so" | cut -c20- | grep -v 'orvun::' || true)
@@ -42,16 +56,56 @@ done
 [ -x "$prefix/bin/orvun-cat" ] || fail "bin/orvun-cat is missing"
 "$prefix/bin/orvun-cat" --help >/dev/null || fail "the installed orvun-cat does not run"
 
-echo "== consumer through find_package(OrvunNet)"
+echo "== tests/consumer through find_package(OrvunNet)"
 cmake -S tests/consumer -B "$work/consumer-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/consumer-cmake" -j "$jobs"
+cmake --build "$work/consumer-cmake" -j "$jobs" >/dev/null
 "$work/consumer-cmake/consumer"
 
-echo "== consumer through pkg-config"
+echo "== tests/consumer through pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [ "$(pkg-config --modversion orvunnet)" = 0.1.0 ] || fail "pkg-config gives another version"
 # shellcheck disable=SC2046 # the flags are meant to split into words
 g++ -std=c++20 -o "$work/consumer-pkg" tests/consumer/main.cpp $(pkg-config --cflags --libs orvunnet) \
     -Wl,-rpath,"$(pkg-config --variable=libdir orvunnet)"
 "$work/consumer-pkg"
-echo "ci-install: installed libraries, headers, CMake package and pkg-config file work"
+
+# The README's recipes, word for word: its CMake lines are those of
+# tests/consumer-net/CMakeLists.txt, and its g++ line is run as it stands.
+while IFS= read -r line; do
+    [ -z "$line" ] || grep -qxF -- "$line" README.md || fail "README.md lacks the CMake recipe line: $line"
+done <tests/consumer-net/CMakeLists.txt
+pkg_recipe=$(grep -m 1 '^g++ -std=c++20 -o app app.cpp ' README.md) || fail "README.md lacks its g++ recipe"
+
+echo "== tests/consumer-net with the README's CMake recipe"
+cp -r tests/consumer-net "$work/app-cmake"
+(
+    cd "$work/app-cmake"
+    cmake -S . -B build -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    cmake --build build >/dev/null
+    echo "build/app needs: $(orvun_needs build/app)"
+    ./build/app
+)
+
+echo "== tests/consumer-net with the README's pkg-config recipe"
+mkdir "$work/app-pkg"
+cp tests/consumer-net/app.cpp "$work/app-pkg/"
+(
+    cd "$work/app-pkg"
+    echo "$pkg_recipe"
+    eval "$pkg_recipe"
+    echo "app needs: $(orvun_needs app)"
+    ./app
+)
+
+echo "== the prefix moved to $work/moved"
+mv "$prefix" "$work/moved"
+moved_lib=$work/moved/${libdir#"$prefix"/}
+for library in OrvunCpu OrvunFileSystem; do
+    found=$(ldd "$moved_lib/libOrvunNet.so" | sed -n "s/.*lib${library}[^ ]* => \([^ ]*\).*/\1/p")
+    [ "$found" = "$moved_lib/lib$library.so.0.1" ] ||
+        fail "the moved libOrvunNet finds lib$library at '${found:-nothing}'"
+    echo "libOrvunNet.so finds $found"
+done
+"$work/moved/bin/orvun-cat" --help >/dev/null || fail "the moved orvun-cat does not run"
+echo "the moved bin/orvun-cat runs"
+echo "ci-install: installed libraries, headers, CMake package and pkg-config file work, wherever the prefix is"

@@ -1,14 +1,31 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and tests need, where missing.
+# The one script that installs Debian packages:
+#   bash scripts/install-deps.sh PACKAGE...          installs those missing (apt-get, as root or through sudo)
+#   bash scripts/install-deps.sh --check PACKAGE...  names those missing and exits 1, installs nothing
+# Only the README's two commands, scripts/bench.sh and .ci/run install; the
+# other scripts check.
 set -euo pipefail
-needed=()
-for package in "$@"; do
-    dpkg -s "$package" >/dev/null 2>&1 || needed+=("$package")
-done
-if [ ${#needed[@]} -gt 0 ]; then
-    echo "installing: ${needed[*]}"
-    sudo_cmd=""
-    [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
-    $sudo_cmd apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${needed[@]}"
+check=0
+if [ "${1:-}" = --check ]; then
+    check=1
+    shift
 fi
+if ! command -v dpkg-query >/dev/null 2>&1; then
+    echo "install-deps: no dpkg here; these have to be installed: $*" >&2
+    exit 0
+fi
+missing=()
+for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q ' installed$' || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+if [ "$check" = 1 ]; then
+    echo "missing packages: ${missing[*]}" >&2
+    echo "install them with: bash scripts/install-deps.sh ${missing[*]}" >&2
+    exit 1
+fi
+echo "installing: ${missing[*]}"
+sudo_cmd=()
+[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+"${sudo_cmd[@]}" apt-get update -qq
+DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq "${missing[@]}"
