@@ -1,0 +1,448 @@
+// orvun-chat: a line-based chat server built on OrvunNet.
+//
+// Every line a client sends goes to every other client. One thread per
+// client (ConnectionThreads) both reads its input and sends it what the
+// others said: a TcpSocket is used by one thread at a time, so the thread
+// waits with a short Poll and, between reads, flushes the lines queued for
+// it. Broadcasting only appends to the other clients' queues under one lock,
+// so no client ever waits for another one's socket; a client whose queue
+// passes the backlog limit is shut down, which also frees its thread from a
+// blocked Flush.
+#include "ConnectionThreads.h"
+#include "net/Socket.h"
+
+#include <arpa/inet.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <getopt.h>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+using examples::Connection;
+using examples::ConnectionThreads;
+using orvun::net::TcpListener;
+using orvun::net::TcpSocket;
+
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr size_t kMaxLine = 4096;                    // bytes, with the "\n"
+constexpr size_t kReadChunk = size_t{16} * 1024;     // one ReadSome
+constexpr size_t kSendBatch = size_t{64} * 1024;     // about one Flush
+constexpr size_t kMinBacklog = size_t{64} * 1024;    // above any one broadcast block
+constexpr size_t kDefaultBacklog = size_t{1} << 20;  // 1 MiB
+constexpr size_t kMaxBacklog = size_t{1} << 30;      // 1 GiB
+// How long a thread waits for input before it looks at its queue again: the
+// longest a line can wait for a client that is otherwise quiet.
+constexpr int kTickMs = 10;
+
+const char* const kUsage = R"(Usage: orvun-chat [options]
+
+A chat server: every line a client sends goes to every other client (not back
+to the sender), each line once and in the order it was sent.
+
+Options:
+  -p, --port PORT          0-65535 (default 7000); 0 lets the system choose.
+                           The port is printed on standard error.
+  -b, --bind HOST          address to listen on (default ::, which takes IPv4
+                           and IPv6 clients on one port); IPv6 text, dotted
+                           IPv4 text or a name such as localhost
+  -m, --max-backlog BYTES  drop a client once more than BYTES wait to be sent
+                           to it (default 1M; K and M suffixes, 64K to 1024M)
+  -v, --verbose            report clients joining and leaving on standard error
+  -h, --help               show this help
+
+Lines end in "\n" and are passed on byte for byte. A line may be 4096 bytes
+long, "\n" included; a client that sends a longer one is dropped, and the
+line goes nowhere. A client that disconnects or resets in the middle of a
+line is dropped, and that partial line goes nowhere either. A client that
+stops reading is dropped once its backlog passes the limit.
+
+SIGINT or SIGTERM stops the server: exit status 0. Exit status 1 when it
+cannot listen, 2 for bad arguments.
+)";
+
+struct Options {
+    std::string host = "::";
+    unsigned short port = 7000;
+    size_t backlog = kDefaultBacklog;
+    bool verbose = false;
+    bool help = false;
+};
+
+// Bad arguments: exit status 2.
+struct UsageError {
+    std::string message;
+};
+
+void Note(const std::string& text)
+{
+    // One insertion per line, so that lines from different threads stay whole.
+    std::cerr << ("orvun-chat: " + text + "\n") << std::flush;
+}
+
+unsigned short ParsePort(const char* text)
+{
+    char* end = nullptr;
+    errno = 0;
+    const long port = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || port < 0 || port > 65535) {
+        throw UsageError{std::string("-p wants a port from 0 to 65535, not '") + text + "'"};
+    }
+    return static_cast<unsigned short>(port);
+}
+
+size_t ParseBytes(const char* text)
+{
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long number = std::strtoull(text, &end, 10);
+    size_t unit = 1;
+    if (end != text && (*end == 'K' || *end == 'k')) {
+        unit = 1024;
+        ++end;
+    } else if (end != text && (*end == 'M' || *end == 'm')) {
+        unit = size_t{1} << 20;
+        ++end;
+    }
+    if (errno != 0 || end == text || *end != '\0' || text[0] == '-' || number > kMaxBacklog / unit ||
+        number * unit < kMinBacklog) {
+        throw UsageError{std::string("-m wants a byte count from 64K to 1024M, not '") + text + "'"};
+    }
+    return static_cast<size_t>(number * unit);
+}
+
+// The library takes any text with a colon as IPv6 and turns text it cannot
+// read into the unspecified address; check it here to give a clear message.
+std::string ParseHost(std::string host)
+{
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    if (host.empty()) {
+        throw UsageError{"-b wants a host, not ''"};
+    }
+    in6_addr address{};
+    if (host.find(':') != std::string::npos && inet_pton(AF_INET6, host.c_str(), &address) != 1) {
+        throw UsageError{"'" + host + "' is not an IPv6 address"};
+    }
+    return host;
+}
+
+Options ParseArguments(int argc, char** argv)
+{
+    const option longOptions[] = {
+        {"port", required_argument, nullptr, 'p'},        {"bind", required_argument, nullptr, 'b'},
+        {"max-backlog", required_argument, nullptr, 'm'}, {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
+    };
+    Options options;
+    opterr = 0;
+    for (;;) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): arguments are parsed before any thread starts
+        const int choice = getopt_long(argc, argv, ":p:b:m:vh", longOptions, nullptr);
+        if (choice == -1) {
+            break;
+        }
+        switch (choice) {
+        case 'p':
+            options.port = ParsePort(optarg);
+            break;
+        case 'b':
+            options.host = ParseHost(optarg);
+            break;
+        case 'm':
+            options.backlog = ParseBytes(optarg);
+            break;
+        case 'v':
+            options.verbose = true;
+            break;
+        case 'h':
+            options.help = true;
+            return options;
+        case ':':
+            throw UsageError{std::string(argv[optind - 1]) + " needs a value"};
+        default:
+            throw UsageError{
+                "unknown option '" +
+                (optopt != 0 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) + "'"};
+        }
+    }
+    if (optind < argc) {
+        throw UsageError{std::string("unexpected argument '") + argv[optind] + "'"};
+    }
+    return options;
+}
+
+// Whole lines from one read of one client, shared by every queue it is on.
+using Block = std::shared_ptr<const std::string>;
+
+// One client, as the room sees it. Guarded by the room's lock.
+struct Member {
+    TcpSocket* socket = nullptr;
+    std::deque<Block> queue; // waiting to be sent to this client
+    size_t backlog = 0;      // bytes in `queue` and in the batch being sent
+    const char* dropped = nullptr;
+};
+
+// Every connected client. Broadcast never touches a socket but to shut a
+// client down, so one slow client cannot hold the others up.
+class Room {
+public:
+    Room(size_t limit, bool verbose) : _limit(limit), _verbose(verbose) {}
+
+    size_t Join(Member& member)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _members.push_back(&member);
+        return _members.size();
+    }
+
+    size_t Leave(Member& member)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _members.erase(std::find(_members.begin(), _members.end(), &member));
+        return _members.size();
+    }
+
+    // Queues `block` for every member but `from`; a member whose backlog
+    // would pass the limit is dropped instead.
+    void Broadcast(const Member& from, Block block)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        for (Member* member : _members) {
+            if (member == &from || member->dropped != nullptr) {
+                continue;
+            }
+            if (member->backlog + block->size() > _limit) {
+                DropLocked(*member, "backlog over the limit");
+                continue;
+            }
+            member->backlog += block->size();
+            member->queue.push_back(block);
+        }
+    }
+
+    // Shuts `member` down for `reason` unless it is gone already.
+    void Drop(Member& member, const char* reason)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        if (member.dropped == nullptr) {
+            DropLocked(member, reason);
+        }
+    }
+
+    // Counts `batch` as sent and refills it with up to about kSendBatch
+    // bytes of the member's queue. False once the member has been dropped.
+    bool Next(Member& member, std::vector<Block>& batch)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        for (const Block& block : batch) {
+            member.backlog -= block->size();
+        }
+        batch.clear();
+        if (member.dropped != nullptr) {
+            return false;
+        }
+        size_t size = 0;
+        while (!member.queue.empty() && size < kSendBatch) {
+            size += member.queue.front()->size();
+            batch.push_back(std::move(member.queue.front()));
+            member.queue.pop_front();
+        }
+        return true;
+    }
+
+    const char* Reason(const Member& member)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return member.dropped;
+    }
+
+    bool Verbose() const { return _verbose; }
+
+private:
+    // With the lock held: lets go of the queue and wakes the member's thread
+    // (Shutdown ends a blocked Flush or Poll).
+    void DropLocked(Member& member, const char* reason)
+    {
+        member.dropped = reason;
+        member.queue.clear();
+        member.socket->Shutdown();
+    }
+
+    const size_t _limit;
+    const bool _verbose;
+    std::mutex _mutex;
+    std::vector<Member*> _members;
+};
+
+// Splits one client's input into whole lines.
+class LineSplitter {
+public:
+    // Appends the lines that `data` completes to `lines`; false when a line
+    // passes kMaxLine (the lines before it are in `lines`).
+    bool Take(const unsigned char* data, size_t size, std::string& lines)
+    {
+        const char* at = reinterpret_cast<const char*>(data);
+        const char* const end = at + size;
+        while (at < end) {
+            const auto* newline = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at)));
+            const char* stop = newline != nullptr ? newline + 1 : end;
+            const auto piece = static_cast<size_t>(stop - at);
+            // Without its "\n" yet, a line of kMaxLine bytes is already too long.
+            if (_partial.size() + piece > (newline != nullptr ? kMaxLine : kMaxLine - 1)) {
+                return false;
+            }
+            if (newline == nullptr) {
+                _partial.append(at, piece);
+            } else {
+                lines += _partial;
+                lines.append(at, piece);
+                _partial.clear();
+            }
+            at = stop;
+        }
+        return true;
+    }
+
+private:
+    std::string _partial; // the line being received, never passed on
+};
+
+std::string Describe(TcpSocket& socket)
+{
+    return socket.GetRemoteAddress() + " port " + std::to_string(socket.GetRemotePort());
+}
+
+// Serves one client until it leaves, is dropped, or the server stops.
+void Serve(Connection& connection, Room& room)
+{
+    TcpSocket& socket = connection.Socket();
+    Member self;
+    self.socket = &socket;
+    const size_t online = room.Join(self);
+    if (room.Verbose()) {
+        Note(Describe(socket) + " joined (" + std::to_string(online) + " online)");
+    }
+
+    const char* reason = "disconnected";
+    LineSplitter splitter;
+    std::vector<unsigned char> input(kReadChunk);
+    std::vector<Block> batch;
+    try {
+        while (room.Next(self, batch)) {
+            for (const Block& block : batch) {
+                socket.Write(reinterpret_cast<const unsigned char*>(block->data()), block->size());
+            }
+            if (!batch.empty()) {
+                socket.Flush();
+            }
+            const int ready = socket.Poll(batch.empty() ? kTickMs : 0);
+            if (ready < 0 && errno != EINTR) {
+                reason = "failed";
+                break;
+            }
+            if (ready <= 0) {
+                continue;
+            }
+            const unsigned long count = socket.ReadSome(input.data(), input.size());
+            if (count == 0) {
+                break;
+            }
+            std::string lines;
+            const bool fits = splitter.Take(input.data(), count, lines);
+            if (!lines.empty()) {
+                room.Broadcast(self, std::make_shared<const std::string>(std::move(lines)));
+            }
+            if (!fits) {
+                room.Drop(self, "sent a line over 4096 bytes");
+                break;
+            }
+        }
+    } catch (const orvun::net::ReceiveError&) {
+        reason = "reset the connection";
+    } catch (const orvun::net::SendError&) {
+        reason = "stopped taking data";
+    }
+    if (const char* dropped = room.Reason(self)) {
+        reason = dropped;
+    }
+    const size_t left = room.Leave(self);
+    if (room.Verbose()) {
+        Note(Describe(socket) + " left: " + reason + " (" + std::to_string(left) + " online)");
+    }
+}
+
+int Run(const Options& options)
+{
+    Room room(options.backlog, options.verbose);
+    ConnectionThreads connections([&room](Connection& connection) { Serve(connection, room); });
+    std::unique_ptr<TcpListener> listener;
+    try {
+        listener = std::make_unique<TcpListener>(options.host, options.port, [&](std::unique_ptr<TcpSocket> socket) {
+            try {
+                connections.Start(std::move(socket));
+            } catch (const std::system_error& error) {
+                Note(std::string("turned a client away: no thread for it (") + error.what() + ")");
+            }
+        });
+    } catch (const orvun::net::ResolveError& error) {
+        Note(error.what());
+        return kExitFailure;
+    } catch (const orvun::net::SocketError& error) {
+        Note("cannot listen on " + options.host + " port " + std::to_string(options.port) + ": " + error.what());
+        return kExitFailure;
+    }
+    Note("listening on " + options.host + " port " + std::to_string(listener->GetLocalPort()));
+
+    while (!examples::WaitForStopSignal(std::chrono::milliseconds(250))) {
+        connections.Reap();
+        if (const std::exception_ptr error = listener->GetThreadError()) {
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception& stopped) {
+                Note(std::string("stopped accepting: ") + stopped.what());
+            }
+            return kExitFailure;
+        }
+    }
+    // No new clients first; then `connections` shuts every client down and
+    // joins its thread, and only then does the room go.
+    listener.reset();
+    if (options.verbose) {
+        Note("stopping");
+    }
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    examples::BlockStopSignals();
+    Options options;
+    try {
+        options = ParseArguments(argc, argv);
+    } catch (const UsageError& error) {
+        Note(error.message);
+        std::cerr << "Try 'orvun-chat --help'.\n";
+        return kExitUsage;
+    }
+    if (options.help) {
+        std::cout << kUsage;
+        return EXIT_SUCCESS;
+    }
+    return Run(options);
+}
