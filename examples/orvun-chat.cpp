@@ -218,7 +218,7 @@ public:
 
     // Queues `block` for every member but `from`; a member whose backlog
     // would pass the limit is dropped instead.
-    void Broadcast(const Member& from, Block block)
+    void Broadcast(const Member& from, const Block& block)
     {
         std::lock_guard<std::mutex> lock(_mutex);
         for (Member* member : _members) {
@@ -275,7 +275,7 @@ public:
 private:
     // With the lock held: lets go of the queue and wakes the member's thread
     // (Shutdown ends a blocked Flush or Poll).
-    void DropLocked(Member& member, const char* reason)
+    static void DropLocked(Member& member, const char* reason)
     {
         member.dropped = reason;
         member.queue.clear();

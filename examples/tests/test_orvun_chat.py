@@ -272,7 +272,8 @@ class DeliveryTests(ChatTestCase):
             clients = []
             for i in range(30):  # each kind five times over IPv4 and five over IPv6
                 kind, host = kinds[i % 3], HOSTS[i // 3 % 2]
-                clients.append(await self.client(kind, b"%s-%s-%02d" % (kind.encode(), b"v6" if ":" in host else b"v4", i), host, server.port))
+                tag = b"%s-%s-%02d" % (kind.encode(), b"v6" if ":" in host else b"v4", i)
+                clients.append(await self.client(kind, tag, host, server.port))
             await server.joined(30)
             sent = {c.tag: [line(c.tag, seq) for seq in range(count)] for c in clients}
             started = time.monotonic()
@@ -458,6 +459,7 @@ class FaultTests(ChatTestCase):
             prefix = bytearray()
             while chunk := stalled.recv(65536):
                 prefix += chunk
+            self.assertIn(b"\n", prefix)
             for tag, lines in by_sender(bytes(prefix)).items():
                 self.assertEqual(lines, sent[tag][: len(lines)], "the stalled client's lines from %s" % tag.decode())
 
@@ -493,10 +495,12 @@ class StopTests(ChatTestCase):
             )
             self.assertNotIn(" left: ", server.stderr())
             elapsed = self.stop_cleanly(server)
-            # Every client learns of the stop.
+            # Every client learns of the stop, the stalled one too once it reads.
             await bounded(asyncio.gather(talker.receive_rest(), witness.receive_rest()), "the end of stream")
             for client in (talker, witness):
                 await client.close()
+            while stalled.recv(65536):
+                pass
             print("\n  stopped in %.3f s" % elapsed, file=sys.stderr)
 
         self.run_scenario(scenario)
