@@ -55,6 +55,8 @@ $foreign"
 done
 [ -x "$prefix/bin/orvun-cat" ] || fail "bin/orvun-cat is missing"
 "$prefix/bin/orvun-cat" --help >/dev/null || fail "the installed orvun-cat does not run"
+[ -x "$prefix/bin/orvun-chat" ] || fail "bin/orvun-chat is missing"
+"$prefix/bin/orvun-chat" --help >/dev/null || fail "the installed orvun-chat does not run"
 
 echo "== tests/consumer through find_package(OrvunNet)"
 cmake -S tests/consumer -B "$work/consumer-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
@@ -108,4 +110,6 @@ for library in OrvunCpu OrvunFileSystem; do
 done
 "$work/moved/bin/orvun-cat" --help >/dev/null || fail "the moved orvun-cat does not run"
 echo "the moved bin/orvun-cat runs"
+"$work/moved/bin/orvun-chat" --help >/dev/null || fail "the moved orvun-chat does not run"
+echo "the moved bin/orvun-chat runs"
 echo "ci-install: installed libraries, headers, CMake package and pkg-config file work, wherever the prefix is"

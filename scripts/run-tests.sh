@@ -13,7 +13,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/common.sh
 parse_clean_flag "bash scripts/run-tests.sh [--clean]" "$@"
-bash scripts/install-deps.sh cmake g++ make libgtest-dev libgmock-dev python3
+bash scripts/install-deps.sh cmake g++ make libgtest-dev libgmock-dev python3 curl apache2-utils socat netcat-openbsd
 stress_scale=${ORVUN_STRESS_SCALE:-1}
 scaled() { LC_ALL=C awk -v scale="$stress_scale" -v factor="$1" 'BEGIN { printf "%g", scale * factor }'; }
 
