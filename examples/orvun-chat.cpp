@@ -124,7 +124,7 @@ size_t ParseBytes(const char* text)
 }
 
 // The library takes any text with a colon as IPv6 and turns text it cannot
-// read into the unspecified address; check it here to give a clear message.
+// read into the all-zero address; check it here to give a clear message.
 std::string ParseHost(std::string host)
 {
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
