@@ -30,7 +30,10 @@ namespace {
 
 #define ORVUN_ASSERT(expression) ((expression) ? static_cast<void>(0) : AssertionFailed(#expression, __LINE__))
 
-// The system calls, kept here so that flags and errno handling live in one place.
+// Every system call of this file, so that flags and errno handling live in
+// one place. Each returns what the system returns: -1 with errno set on
+// failure (results the library ignores are dropped here). Nothing retries on
+// EINTR: what an interrupted call means differs from caller to caller.
 namespace sys {
 
 int Open(bool ipv6, int type, int protocol)
@@ -38,6 +41,8 @@ int Open(bool ipv6, int type, int protocol)
     // Close-on-exec: a child process must not inherit our sockets.
     return ::socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, protocol);
 }
+
+void Close(int descriptor) { static_cast<void>(::close(descriptor)); }
 
 void SetOption(int descriptor, int level, int name, const void* value, socklen_t length)
 {
@@ -52,14 +57,56 @@ void SetSendTimeout(int descriptor, long milliseconds)
     SetOption(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
-// send() that never raises SIGPIPE; -1 with errno on failure.
+int Connect(int descriptor, const sockaddr* address, socklen_t length)
+{
+    return ::connect(descriptor, address, length);
+}
+
+int Bind(int descriptor, const sockaddr* address, socklen_t length) { return ::bind(descriptor, address, length); }
+
+int Listen(int descriptor, int backlog) { return ::listen(descriptor, backlog); }
+
+// The accepted descriptor is close-on-exec, like every other.
+int Accept(int descriptor, sockaddr* peer, socklen_t* length)
+{
+    return ::accept4(descriptor, peer, length, SOCK_CLOEXEC);
+}
+
+void Shutdown(int descriptor) { static_cast<void>(::shutdown(descriptor, SHUT_RDWR)); }
+
+// Waits until `descriptor` is readable (or hung up, or in error).
+int Poll(int descriptor, int timeout)
+{
+    pollfd entry{descriptor, POLLIN, 0};
+    return ::poll(&entry, 1, timeout);
+}
+
+// send() that never raises SIGPIPE.
 ssize_t Send(int descriptor, const unsigned char* data, size_t size)
 {
     return ::send(descriptor, data, size, MSG_NOSIGNAL);
 }
 
-// One recv() into `data`; -1 with errno on failure.
-ssize_t Receive(int descriptor, unsigned char* data, size_t size) { return ::recv(descriptor, data, size, 0); }
+ssize_t Receive(int descriptor, unsigned char* data, size_t size, int flags = 0)
+{
+    return ::recv(descriptor, data, size, flags);
+}
+
+ssize_t SendTo(int descriptor, const std::vector<unsigned char>& data, const sockaddr* to, socklen_t length)
+{
+    return ::sendto(descriptor, data.data(), data.size(), 0, to, length);
+}
+
+ssize_t ReceiveFrom(int descriptor, unsigned char* data, size_t size, sockaddr* from, socklen_t* length)
+{
+    return ::recvfrom(descriptor, data, size, 0, from, length);
+}
+
+int LocalAddress(int descriptor, sockaddr_in6& address)
+{
+    socklen_t length = sizeof(address);
+    return ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+}
 
 void NameThread(const char* name) { static_cast<void>(::pthread_setname_np(::pthread_self(), name)); }
 
@@ -145,9 +192,20 @@ bool IsIPv6Literal(const std::string& host) { return !host.empty() && host.find(
 void SendDatagram(int descriptor, const std::vector<unsigned char>& buffer, const sockaddr* destination,
                   socklen_t length)
 {
-    if (::sendto(descriptor, buffer.data(), buffer.size(), 0, destination, length) == -1) {
+    if (sys::SendTo(descriptor, buffer, destination, length) == -1) {
         ThrowUdpSendError(errno);
     }
+}
+
+// Stops a listener loop: it sees `running` cleared within one poll period,
+// after a callback in progress has returned.
+void StopThread(std::unique_ptr<std::thread>& thread, std::atomic<bool>& running) noexcept
+{
+    if (thread && thread->joinable()) {
+        running = false;
+        thread->join();
+    }
+    thread.reset();
 }
 
 constexpr int kPollPeriodMs = 100;
@@ -171,14 +229,13 @@ Socket::Socket(Socket&& other) noexcept
 Socket::~Socket()
 {
     if (_socket != -1) {
-        static_cast<void>(::close(_socket));
+        sys::Close(_socket);
     }
 }
 
 int Socket::Poll(int timeout)
 {
-    pollfd entry{_socket, POLLIN, 0};
-    return ::poll(&entry, 1, timeout);
+    return sys::Poll(_socket, timeout);
 }
 
 int Socket::Poll(int timeout, unsigned long size)
@@ -195,7 +252,7 @@ int Socket::Poll(int timeout, unsigned long size)
         large = std::make_unique_for_overwrite<unsigned char[]>(size);
         scratch = large.get();
     }
-    if (::recv(_socket, scratch, size, MSG_PEEK) == 0) {
+    if (sys::Receive(_socket, scratch, size, MSG_PEEK) == 0) {
         return -1;
     }
     return ready;
@@ -208,8 +265,7 @@ unsigned short Socket::GetRemotePort() const { return _remoteAddress ? ntohs(Por
 unsigned short Socket::GetLocalPort() const
 {
     sockaddr_in6 local{};
-    socklen_t length = sizeof(local);
-    if (_socket == -1 || ::getsockname(_socket, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
+    if (_socket == -1 || sys::LocalAddress(_socket, local) != 0) {
         return 0;
     }
     return ntohs(PortOf(reinterpret_cast<const sockaddr*>(&local)));
@@ -252,7 +308,7 @@ TcpSocket::TcpSocket(const std::string& host, unsigned short port, unsigned long
         // The send time-out also bounds a blocking connect.
         sys::SetSendTimeout(_socket, timeout);
     }
-    if (::connect(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
+    if (sys::Connect(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
         throw ConnectionError("TCP Connection failed");
     }
     if (timeout != 0) {
@@ -311,7 +367,7 @@ void TcpSocket::Shutdown() noexcept
 {
     // Not close(): a thread blocked on the descriptor must never see its
     // number reused by another socket. The destructor closes it.
-    static_cast<void>(::shutdown(_socket, SHUT_RDWR));
+    sys::Shutdown(_socket);
 }
 
 void TcpSocket::SetNoDelay(bool on) noexcept
@@ -412,24 +468,17 @@ TcpListener::TcpListener(const std::string& host, unsigned short port, Callback&
     sys::SetOption(_socket, SOL_SOCKET, SO_REUSEADDR, &so_reuse, sizeof(so_reuse));
     sys::SetOption(_socket, SOL_SOCKET, SO_REUSEPORT, &so_reuse, sizeof(so_reuse));
     sys::SetOption(_socket, IPPROTO_TCP, TCP_NODELAY, &so_nodelay, sizeof(so_nodelay));
-    if (::bind(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
+    if (sys::Bind(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
         throw BindError("TCP Bind failed");
     }
-    if (::listen(_socket, kListenBacklog) < 0) {
+    if (sys::Listen(_socket, kListenBacklog) < 0) {
         throw ListenError("TCP Socket Failed to listen");
     }
     _listenerThread =
         std::make_unique<std::thread>([this, accepted = std::move(callback)] { RunAcceptLoop(accepted); });
 }
 
-TcpListener::~TcpListener()
-{
-    if (_listenerThread && _listenerThread->joinable()) {
-        _running = false;
-        _listenerThread->join();
-    }
-    _listenerThread.reset();
-}
+TcpListener::~TcpListener() { StopThread(_listenerThread, _running); }
 
 std::exception_ptr TcpListener::GetThreadError() const { return _threadError.Get(); }
 
@@ -451,7 +500,7 @@ void TcpListener::RunAcceptLoop(const Callback& callback)
             }
             auto peer = MakeRecord(_isIPv6);
             socklen_t length = AddressLength(_isIPv6);
-            const int descriptor = ::accept4(_socket, peer.get(), &length, SOCK_CLOEXEC);
+            const int descriptor = sys::Accept(_socket, peer.get(), &length);
             if (descriptor < 0) {
                 continue;
             }
@@ -496,14 +545,7 @@ UdpSocket::~UdpSocket()
     _incomingAddress.reset();
 }
 
-void UdpSocket::StopReceiving() noexcept
-{
-    if (_receiveThread && _receiveThread->joinable()) {
-        _running = false;
-        _receiveThread->join();
-    }
-    _receiveThread.reset();
-}
+void UdpSocket::StopReceiving() noexcept { StopThread(_receiveThread, _running); }
 
 void UdpSocket::Read(unsigned char*, unsigned long) { throw filesystem::StreamIsWriteOnly(); }
 
@@ -575,7 +617,7 @@ void UdpSocket::RunReceiveLoop(const Callback& callback)
                 _incomingAddress = MakeRecord(_isIPv6);
             }
             const auto received = static_cast<std::int32_t>(
-                ::recvfrom(_socket, datagram.data(), kDatagramCapacity, 0, _incomingAddress.get(), &_addressLength));
+                sys::ReceiveFrom(_socket, datagram.data(), kDatagramCapacity, _incomingAddress.get(), &_addressLength));
             if (received < 1) {
                 return;
             }
@@ -596,7 +638,7 @@ UdpListener::UdpListener(const std::string& host, unsigned short port, Callback&
     static const int so_reuse = 1;
     sys::SetOption(_socket, SOL_SOCKET, SO_REUSEADDR, &so_reuse, sizeof(so_reuse));
     sys::SetOption(_socket, SOL_SOCKET, SO_REUSEPORT, &so_reuse, sizeof(so_reuse));
-    if (::bind(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
+    if (sys::Bind(_socket, _remoteAddress.get(), AddressLength(_isIPv6)) < 0) {
         throw BindError("UDP Bind failed");
     }
     Receive(std::move(callback));

@@ -167,9 +167,12 @@ class TcpListener;
 // for an exact number of bytes. Neither copyable nor movable: accepted
 // connections come as std::unique_ptr<TcpSocket>.
 //
-// Threads: one thread at a time calls Write, Flush, Read, ReadSome and the
-// destructor; `IsIdle`, `Shutdown` and `SetNoDelay` may be called from any
-// thread.
+// Threads: the connection is full duplex. One thread at a time writes
+// (Write, Flush, SetNonBlockingFlush) and one thread at a time reads (Read,
+// ReadSome, Poll); the two may be different threads working at the same time,
+// since reading touches neither the buffer nor the flush queue. `IsIdle`,
+// `Shutdown` and `SetNoDelay` may be called from any thread; the destructor
+// runs when no other thread uses the socket any more.
 class ORVUN_NET_API TcpSocket : public Socket {
 public:
     // Connects to `host`:`port`, blocking the calling thread meanwhile. `size`

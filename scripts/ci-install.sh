@@ -33,6 +33,10 @@ configure_preset release >/dev/null
 build_preset release
 cmake --install build/release --prefix "$prefix" >/dev/null
 
+# The version the project declares; the SONAME carries its major.minor.
+version=$(sed -n 's/^project(OrvunNet VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+soversion=${version%.*}
+
 echo "== installed layout"
 libdir=$(dirname "$(find "$prefix" -name libOrvunNet.so -print -quit)")
 [ -n "$libdir" ] && [ "$libdir" != . ] || fail "libOrvunNet.so was not installed"
@@ -42,8 +46,8 @@ for header in net/Socket.h cpu/Profiler.h filesystem/Stream.h; do
 done
 for library in OrvunNet OrvunCpu OrvunFileSystem; do
     soname=$(readelf -d "$libdir/lib$library.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-    [ "$soname" = "lib$library.so.0.1" ] || fail "lib$library.so has SONAME '$soname'"
-    [ -f "$libdir/lib$library.so.0.1.0" ] || fail "lib$library.so.0.1.0 is missing"
+    [ "$soname" = "lib$library.so.$soversion" ] || fail "lib$library.so has SONAME '$soname'"
+    [ -f "$libdir/lib$library.so.$version" ] || fail "lib$library.so.$version is missing"
     runpath=$(readelf -d "$libdir/lib$library.so" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p')
     # shellcheck disable=SC2016 # the literal text $ORIGIN
     [ "$runpath" = '$ORIGIN' ] || fail "lib$library.so has RUNPATH '$runpath', not \$ORIGIN"
@@ -65,7 +69,7 @@ cmake --build "$work/consumer-cmake" -j "$jobs" >/dev/null
 
 echo "== tests/consumer through pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-[ "$(pkg-config --modversion orvunnet)" = 0.1.0 ] || fail "pkg-config gives another version"
+[ "$(pkg-config --modversion orvunnet)" = "$version" ] || fail "pkg-config gives another version"
 # shellcheck disable=SC2046 # the flags are meant to split into words
 g++ -std=c++20 -o "$work/consumer-pkg" tests/consumer/main.cpp $(pkg-config --cflags --libs orvunnet) \
     -Wl,-rpath,"$(pkg-config --variable=libdir orvunnet)"
@@ -104,7 +108,7 @@ mv "$prefix" "$work/moved"
 moved_lib=$work/moved/${libdir#"$prefix"/}
 for library in OrvunCpu OrvunFileSystem; do
     found=$(ldd "$moved_lib/libOrvunNet.so" | sed -n "s/.*lib${library}[^ ]* => \([^ ]*\).*/\1/p")
-    [ "$found" = "$moved_lib/lib$library.so.0.1" ] ||
+    [ "$found" = "$moved_lib/lib$library.so.$soversion" ] ||
         fail "the moved libOrvunNet finds lib$library at '${found:-nothing}'"
     echo "libOrvunNet.so finds $found"
 done

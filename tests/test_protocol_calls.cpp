@@ -231,6 +231,41 @@ TEST_P(ProtocolCallsTest, SetNoDelaySwitchesNaglesAlgorithm)
     EXPECT_EQ(NoDelayOf(clientFd), 0);
 }
 
+TEST_P(ProtocolCallsTest, OneThreadReadsWhileAnotherWrites)
+{
+    // The peer echoes everything; the client writes on one thread and reads
+    // the echo on another, both at once (ThreadSanitizer watches this run).
+    const Bytes payload = RandomBytes(4 << 20, 11);
+    std::thread echo([&] {
+        Bytes chunk(65536);
+        ssize_t n = 0;
+        while ((n = recv(peer.Get(), chunk.data(), chunk.size(), 0)) > 0) {
+            SendAll(peer.Get(), Bytes(chunk.begin(), chunk.begin() + n));
+        }
+        shutdown(peer.Get(), SHUT_WR);
+    });
+    std::thread writer([&] {
+        for (size_t offset = 0; offset < payload.size(); offset += 40000) {
+            const size_t size = std::min<size_t>(40000, payload.size() - offset);
+            client->Write(payload.data() + offset, size);
+            client->Flush();
+        }
+    });
+    Bytes received;
+    std::vector<unsigned char> chunk(65536);
+    while (received.size() < payload.size()) {
+        const unsigned long n = client->ReadSome(chunk.data(), chunk.size());
+        if (n == 0) {
+            break;
+        }
+        received.insert(received.end(), chunk.begin(), chunk.begin() + static_cast<long>(n));
+    }
+    writer.join();
+    client->Shutdown();
+    echo.join();
+    EXPECT_TRUE(received == payload) << received.size() << " of " << payload.size() << " bytes, or not in order";
+}
+
 INSTANTIATE_TEST_SUITE_P(Loopback, ProtocolCallsTest, testing::ValuesIn(kFamilies), FamilyName);
 
 class ReceiveLoopEndTest : public testing::TestWithParam<Family> {};
