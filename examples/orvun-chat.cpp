@@ -1,13 +1,12 @@
 // orvun-chat: a line-based chat server built on OrvunNet.
 //
-// Every line a client sends goes to every other client. One thread per
-// client (ConnectionThreads) both reads its input and sends it what the
-// others said: a TcpSocket is used by one thread at a time, so the thread
-// waits with a short Poll and, between reads, flushes the lines queued for
-// it. Broadcasting only appends to the other clients' queues under one lock,
-// so no client ever waits for another one's socket; a client whose queue
-// passes the backlog limit is shut down, which also frees its thread from a
-// blocked Flush.
+// Every line a client sends goes to every other client. Each client has two
+// threads: its ConnectionThreads thread reads its input, blocked in
+// ReadSome, and a writer thread of its own sleeps until lines are queued for
+// it, then sends them. Broadcasting only appends to the other clients' queues
+// under one lock, so no client ever waits for another one's socket; a client
+// whose queue passes the backlog limit is shut down, which also frees both of
+// its threads, a blocked ReadSome as well as a blocked Flush.
 #include "ConnectionThreads.h"
 #include "net/Socket.h"
 
@@ -15,16 +14,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <getopt.h>
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -43,9 +46,6 @@ constexpr size_t kSendBatch = size_t{64} * 1024;     // about one Flush
 constexpr size_t kMinBacklog = size_t{64} * 1024;    // above any one broadcast block
 constexpr size_t kDefaultBacklog = size_t{1} << 20;  // 1 MiB
 constexpr size_t kMaxBacklog = size_t{1} << 30;      // 1 GiB
-// How long a thread waits for input before it looks at its queue again: the
-// longest a line can wait for a client that is otherwise quiet.
-constexpr int kTickMs = 10;
 
 const char* const kUsage = R"(Usage: orvun-chat [options]
 
@@ -191,8 +191,9 @@ using Block = std::shared_ptr<const std::string>;
 // One client, as the room sees it. Guarded by the room's lock.
 struct Member {
     TcpSocket* socket = nullptr;
-    std::deque<Block> queue; // waiting to be sent to this client
-    size_t backlog = 0;      // bytes in `queue` and in the batch being sent
+    std::deque<Block> queue;         // waiting to be sent to this client
+    size_t backlog = 0;              // bytes in `queue` and in the batch being sent
+    std::condition_variable changed; // wakes the writer: lines queued, or dropped
     const char* dropped = nullptr;
 };
 
@@ -231,6 +232,7 @@ public:
             }
             member->backlog += block->size();
             member->queue.push_back(block);
+            member->changed.notify_one();
         }
     }
 
@@ -243,15 +245,17 @@ public:
         }
     }
 
-    // Counts `batch` as sent and refills it with up to about kSendBatch
-    // bytes of the member's queue. False once the member has been dropped.
+    // Counts `batch` as sent, waits until the member's queue has lines, and
+    // refills `batch` with up to about kSendBatch bytes of it. False once the
+    // member has been dropped.
     bool Next(Member& member, std::vector<Block>& batch)
     {
-        std::lock_guard<std::mutex> lock(_mutex);
+        std::unique_lock<std::mutex> lock(_mutex);
         for (const Block& block : batch) {
             member.backlog -= block->size();
         }
         batch.clear();
+        member.changed.wait(lock, [&member] { return member.dropped != nullptr || !member.queue.empty(); });
         if (member.dropped != nullptr) {
             return false;
         }
@@ -273,13 +277,14 @@ public:
     bool Verbose() const { return _verbose; }
 
 private:
-    // With the lock held: lets go of the queue and wakes the member's thread
-    // (Shutdown ends a blocked Flush or Poll).
+    // With the lock held: lets go of the queue and wakes both of the member's
+    // threads (Shutdown ends a blocked ReadSome or Flush).
     static void DropLocked(Member& member, const char* reason)
     {
         member.dropped = reason;
         member.queue.clear();
         member.socket->Shutdown();
+        member.changed.notify_one();
     }
 
     const size_t _limit;
@@ -326,7 +331,58 @@ std::string Describe(TcpSocket& socket)
     return socket.GetRemoteAddress() + " port " + std::to_string(socket.GetRemotePort());
 }
 
-// Serves one client until it leaves, is dropped, or the server stops.
+// The writer thread: sends the member's queued lines, one Flush per batch,
+// until the member is dropped. A failed send drops it, which ends the reader.
+void SendQueued(Member& self, Room& room)
+{
+    pthread_setname_np(pthread_self(), "chat writer");
+    TcpSocket& socket = *self.socket;
+    std::vector<Block> batch;
+    try {
+        while (room.Next(self, batch)) {
+            for (const Block& block : batch) {
+                socket.Write(reinterpret_cast<const unsigned char*>(block->data()), block->size());
+            }
+            socket.Flush();
+        }
+    } catch (const orvun::net::SendError&) {
+        room.Drop(self, "stopped taking data");
+    } catch (const std::exception&) {
+        room.Drop(self, "failed");
+    }
+}
+
+// Reads the member's input and broadcasts its whole lines until the client
+// leaves or is shut down; returns why it ended.
+const char* ReceiveLines(Member& self, Room& room)
+{
+    TcpSocket& socket = *self.socket;
+    LineSplitter splitter;
+    std::vector<unsigned char> input(kReadChunk);
+    try {
+        for (;;) {
+            const unsigned long count = socket.ReadSome(input.data(), input.size());
+            if (count == 0) {
+                return "disconnected";
+            }
+            std::string lines;
+            const bool fits = splitter.Take(input.data(), count, lines);
+            if (!lines.empty()) {
+                room.Broadcast(self, std::make_shared<const std::string>(std::move(lines)));
+            }
+            if (!fits) {
+                return "sent a line over 4096 bytes";
+            }
+        }
+    } catch (const orvun::net::ReceiveError&) {
+        return "reset the connection";
+    } catch (const std::exception&) {
+        return "failed";
+    }
+}
+
+// Serves one client until it leaves, is dropped, or the server stops (which
+// shuts its socket down and so ends ReceiveLines).
 void Serve(Connection& connection, Room& room)
 {
     TcpSocket& socket = connection.Socket();
@@ -337,48 +393,20 @@ void Serve(Connection& connection, Room& room)
         Note(Describe(socket) + " joined (" + std::to_string(online) + " online)");
     }
 
-    const char* reason = "disconnected";
-    LineSplitter splitter;
-    std::vector<unsigned char> input(kReadChunk);
-    std::vector<Block> batch;
+    const char* reason = "no thread to send with";
+    std::thread writer;
     try {
-        while (room.Next(self, batch)) {
-            for (const Block& block : batch) {
-                socket.Write(reinterpret_cast<const unsigned char*>(block->data()), block->size());
-            }
-            if (!batch.empty()) {
-                socket.Flush();
-            }
-            const int ready = socket.Poll(batch.empty() ? kTickMs : 0);
-            if (ready < 0 && errno != EINTR) {
-                reason = "failed";
-                break;
-            }
-            if (ready <= 0) {
-                continue;
-            }
-            const unsigned long count = socket.ReadSome(input.data(), input.size());
-            if (count == 0) {
-                break;
-            }
-            std::string lines;
-            const bool fits = splitter.Take(input.data(), count, lines);
-            if (!lines.empty()) {
-                room.Broadcast(self, std::make_shared<const std::string>(std::move(lines)));
-            }
-            if (!fits) {
-                room.Drop(self, "sent a line over 4096 bytes");
-                break;
-            }
-        }
-    } catch (const orvun::net::ReceiveError&) {
-        reason = "reset the connection";
-    } catch (const orvun::net::SendError&) {
-        reason = "stopped taking data";
+        writer = std::thread(SendQueued, std::ref(self), std::ref(room));
+        reason = ReceiveLines(self, room);
+    } catch (const std::system_error&) {
+        // The writer did not start: the client goes at once.
     }
-    if (const char* dropped = room.Reason(self)) {
-        reason = dropped;
+    // Dropping wakes the writer, from its wait or a blocked Flush, before the join.
+    room.Drop(self, reason);
+    if (writer.joinable()) {
+        writer.join();
     }
+    reason = room.Reason(self);
     const size_t left = room.Leave(self);
     if (room.Verbose()) {
         Note(Describe(socket) + " left: " + reason + " (" + std::to_string(left) + " online)");
