@@ -472,6 +472,53 @@ class FaultTests(ChatTestCase):
 
         self.run_scenario(scenario)
 
+    def test_clients_that_stopped_reading_can_still_be_dropped_for_their_input(self):
+        """Two clients stop reading until the server's sends to them block;
+        then one sends a line over the limit and the other resets. Each is
+        dropped (its blocked send must not keep it), and the rest chat on."""
+        count = 6000  # 1 KiB lines: more than the kernel buffers between them
+
+        async def scenario():
+            server = self.start_server("-m", "64M")
+            stalled = [raw_client(host, server.port, receive_buffer=4096) for host in HOSTS]
+            for client in stalled:
+                self.addCleanup(client.close)
+            talker = await self.client("asyncio", b"T", "::1", server.port)
+            witness = await self.client("socat", b"W", "127.0.0.1", server.port)
+            await server.joined(4)
+            talk = [line(b"T", seq, width=1000) for seq in range(count)]
+            await bounded(
+                asyncio.gather(talker.send(b"".join(talk)), witness.receive_lines(count)),
+                "the talker's lines reaching the witness",
+            )
+            self.assertNotIn(" left: ", server.stderr())
+
+            flooder, resetter = stalled
+            flooder.sendall(b"F " + b"z" * MAX_LINE)
+            await asyncio.to_thread(
+                server.wait_for, r"port %d left: sent a line over 4096 bytes" % flooder.getsockname()[1]
+            )
+            resetter_port = resetter.getsockname()[1]
+            reset(resetter)
+            # Its reader or its writer notices first; either way it goes.
+            await asyncio.to_thread(
+                server.wait_for, r"port %d left: (reset the connection|stopped taking data)" % resetter_port
+            )
+
+            await talker.send(b"T after\n")
+            await witness.send(b"W after\n")
+            await bounded(
+                asyncio.gather(witness.receive_lines(count + 1), talker.receive_lines(1)), "the lines after the drops"
+            )
+            self.stop_cleanly(server)
+            for client in (talker, witness):
+                await bounded(client.receive_rest(), "reading to the end")
+                await client.close()
+            self.assertTranscript(witness, {b"T": talk + [b"T after\n"]})
+            self.assertTranscript(talker, {b"W": [b"W after\n"]})
+
+        self.run_scenario(scenario)
+
 
 class StopTests(ChatTestCase):
     def test_sigterm_stops_within_a_second_beside_a_client_that_stopped_reading(self):
