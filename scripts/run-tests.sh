@@ -2,7 +2,8 @@
 # Builds and runs every test: once as built for use (preset dev), once under
 # AddressSanitizer + UndefinedBehaviorSanitizer (asan) and once under
 # ThreadSanitizer (tsan). Installs what is missing first (cmake, g++, make,
-# GoogleTest, python3). Any failing test or sanitizer report makes it exit
+# GoogleTest, python3, and curl, ApacheBench, socat and nc for the example
+# servers). Any failing test or sanitizer report makes it exit
 # non-zero. The stress tests (CTest label "stress") run in all three, at
 # ORVUN_STRESS_SCALE (default 1) in the plain build and at a fifth or a
 # quarter of it under the slower sanitizers.
@@ -14,6 +15,8 @@ cd "$(dirname "$0")/.."
 source scripts/common.sh
 parse_clean_flag "bash scripts/run-tests.sh [--clean]" "$@"
 bash scripts/install-deps.sh cmake g++ make libgtest-dev libgmock-dev python3
+# Real clients for the example servers' end-to-end tests.
+bash scripts/install-deps.sh curl apache2-utils socat netcat-openbsd
 stress_scale=${ORVUN_STRESS_SCALE:-1}
 scaled() { LC_ALL=C awk -v scale="$stress_scale" -v factor="$1" 'BEGIN { printf "%g", scale * factor }'; }
 

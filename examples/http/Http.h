@@ -622,13 +622,13 @@ private:
         return;
     }
 
-    // A file changed within the last two seconds may change again without
-    // its times moving (they advance in clock ticks): not kept yet.
+    // A file changed within the last second may change again without its
+    // times moving (they advance in clock ticks): not kept yet.
     static bool Recent(const struct stat& info)
     {
         timespec now{};
         ::clock_gettime(CLOCK_REALTIME, &now);
-        return info.st_mtim.tv_sec >= now.tv_sec - 2 || info.st_ctim.tv_sec >= now.tv_sec - 2;
+        return info.st_mtim.tv_sec >= now.tv_sec - 1 || info.st_ctim.tv_sec >= now.tv_sec - 1;
     }
 
     void Keep(const std::string& name, const std::shared_ptr<const SmallFile>& file)
