@@ -111,6 +111,48 @@ inline int HexValue(char c)
     return -1;
 }
 
+// The path of an origin-form or absolute-form target, without query and
+// fragment; "" when the target has none.
+inline std::string_view TargetPath(std::string_view target)
+{
+    // Absolute form: the authority is ours whatever it says.
+    for (const std::string_view scheme : {std::string_view("http://"), std::string_view("https://")}) {
+        if (target.size() >= scheme.size() && EqualsNoCase(target.substr(0, scheme.size()), scheme)) {
+            target.remove_prefix(scheme.size());
+            const size_t slash = target.find('/');
+            target = slash == std::string_view::npos ? std::string_view("/") : target.substr(slash);
+            break;
+        }
+    }
+    target = target.substr(0, target.find_first_of("?#"));
+    return !target.empty() && target.front() == '/' ? target : std::string_view();
+}
+
+// The byte of the escape "%XY" at `at`, or -1 when it is not one.
+inline int Escaped(std::string_view text, size_t at)
+{
+    const int high = at + 2 < text.size() ? HexValue(text[at + 1]) : -1;
+    const int low = high >= 0 ? HexValue(text[at + 2]) : -1;
+    return low < 0 ? -1 : high * 16 + low;
+}
+
+// Appends a decoded segment to `path` and empties it: "" and "." add
+// nothing, ".." refuses the path (403).
+inline int AddSegment(std::string& segment, std::string& path)
+{
+    if (segment == "..") {
+        return 403;
+    }
+    if (!segment.empty() && segment != ".") {
+        if (!path.empty()) {
+            path += '/';
+        }
+        path += segment;
+    }
+    segment.clear();
+    return 0;
+}
+
 } // namespace detail
 
 // Fills `request.path`, `wantsFolder` and `refusal` from the target of a
@@ -121,98 +163,74 @@ inline int HexValue(char c)
 inline void DecodeTarget(std::string_view target, Request& request)
 {
     request.path.clear();
-    request.wantsFolder = false;
     request.refusal = 0;
-    // Absolute form: the authority is ours whatever it says.
-    for (std::string_view scheme : {std::string_view("http://"), std::string_view("https://")}) {
-        if (target.size() >= scheme.size() && detail::EqualsNoCase(target.substr(0, scheme.size()), scheme)) {
-            target.remove_prefix(scheme.size());
-            const size_t slash = target.find('/');
-            target = slash == std::string_view::npos ? std::string_view("/") : target.substr(slash);
-            break;
-        }
-    }
-    target = target.substr(0, target.find_first_of("?#"));
-    if (target.empty() || target.front() != '/') {
+    const std::string_view path = detail::TargetPath(target);
+    if (path.empty()) {
         request.refusal = 400;
         return;
     }
-    request.wantsFolder = target.back() == '/';
     std::string segment;
-    auto endSegment = [&request, &segment] {
-        if (segment == "..") {
-            request.refusal = 403;
-        } else if (!segment.empty() && segment != ".") {
-            if (!request.path.empty()) {
-                request.path += '/';
-            }
-            request.path += segment;
-        }
-        segment.clear();
-    };
-    for (size_t i = 0; i < target.size() && request.refusal == 0; ++i) {
-        char c = target[i];
-        if (c == '/') {
-            endSegment();
+    for (size_t i = 0; i < path.size() && request.refusal == 0; ++i) {
+        if (path[i] == '/') {
+            request.refusal = detail::AddSegment(segment, request.path);
             continue;
         }
-        if (c == '%') {
-            const int high = i + 2 < target.size() ? detail::HexValue(target[i + 1]) : -1;
-            const int low = high >= 0 ? detail::HexValue(target[i + 2]) : -1;
-            if (low < 0) {
-                request.refusal = 400;
-                break;
-            }
-            c = static_cast<char>(high * 16 + low);
-            i += 2;
-            if (c == '/' || c == '\0') {
-                request.refusal = 403;
-                break;
-            }
+        if (path[i] != '%') {
+            segment += path[i];
+            continue;
         }
-        segment += c;
+        const int byte = detail::Escaped(path, i);
+        i += 2;
+        if (byte < 0) {
+            request.refusal = 400;
+        } else if (byte == '/' || byte == 0) {
+            request.refusal = 403;
+        } else {
+            segment += static_cast<char>(byte);
+        }
     }
     if (request.refusal == 0) {
-        endSegment();
+        request.refusal = detail::AddSegment(segment, request.path);
     }
     if (request.refusal != 0) {
         request.path.clear();
     }
-    if (request.path.empty()) {
-        request.wantsFolder = true;
-    }
+    request.wantsFolder = path.back() == '/' || request.path.empty();
 }
 
-// Parses the head of one request (its bytes, without the empty line that
-// ends it): 0 when it is well formed, else the status to answer.
-inline int ParseHead(std::string_view head, Request& request)
+namespace detail {
+
+// Takes the first line off `text`, without its "\n" or "\r\n".
+inline std::string_view TakeLine(std::string_view& text)
 {
-    request = Request{};
-    auto nextLine = [&head] {
-        const size_t end = head.find('\n');
-        std::string_view line = head.substr(0, end);
-        head.remove_prefix(end == std::string_view::npos ? head.size() : end + 1);
-        if (!line.empty() && line.back() == '\r') {
-            line.remove_suffix(1);
-        }
-        return line;
-    };
-    const std::string_view requestLine = nextLine();
-    const size_t firstSpace = requestLine.find(' ');
-    const size_t secondSpace = requestLine.find(' ', firstSpace + 1);
+    const size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    if (!line.empty() && line.back() == '\r') {
+        line.remove_suffix(1);
+    }
+    return line;
+}
+
+// "METHOD SP TARGET SP HTTP/1.x": 0, or the status that refuses it.
+inline int ParseRequestLine(std::string_view line, Request& request, std::string_view& target)
+{
+    const size_t firstSpace = line.find(' ');
+    const size_t secondSpace = line.find(' ', firstSpace + 1);
     if (firstSpace == std::string_view::npos || secondSpace == std::string_view::npos ||
-        requestLine.find(' ', secondSpace + 1) != std::string_view::npos) {
+        line.find(' ', secondSpace + 1) != std::string_view::npos) {
         return 400;
     }
-    const std::string_view method = requestLine.substr(0, firstSpace);
-    const std::string_view target = requestLine.substr(firstSpace + 1, secondSpace - firstSpace - 1);
-    const std::string_view version = requestLine.substr(secondSpace + 1);
-    if (!detail::IsToken(method) || target.empty() ||
+    const std::string_view method = line.substr(0, firstSpace);
+    target = line.substr(firstSpace + 1, secondSpace - firstSpace - 1);
+    const std::string_view version = line.substr(secondSpace + 1);
+    if (!IsToken(method) || target.empty() ||
         std::any_of(target.begin(), target.end(), [](char c) { return c <= ' ' || c == 0x7f; })) {
         return 400;
     }
-    if (version.size() != 8 || version.substr(0, 5) != "HTTP/" || version[6] != '.' || version[5] < '0' ||
-        version[5] > '9' || version[7] < '0' || version[7] > '9') {
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    if (version.size() != 8 || version.substr(0, 5) != "HTTP/" || version[6] != '.' || !digit(version[5]) ||
+        !digit(version[7])) {
         return 400;
     }
     if (version[5] != '1') {
@@ -220,60 +238,97 @@ inline int ParseHead(std::string_view head, Request& request)
     }
     request.minor = version[7] - '0';
     request.method = method == "GET" ? Method::kGet : method == "HEAD" ? Method::kHead : Method::kOther;
+    return 0;
+}
 
+// What the header fields say about the connection and the framing.
+struct Fields {
     bool close = false;
     bool keepAlive = false;
     int hosts = 0;
     long long contentLength = -1;
-    bool chunked = false;
+    bool transferEncoding = false;
+};
+
+inline bool ParseConnection(std::string_view value, Fields& fields)
+{
+    while (!value.empty()) {
+        const size_t comma = value.find(',');
+        const std::string_view option = Trim(value.substr(0, comma));
+        value.remove_prefix(comma == std::string_view::npos ? value.size() : comma + 1);
+        fields.close = fields.close || EqualsNoCase(option, "close");
+        fields.keepAlive = fields.keepAlive || EqualsNoCase(option, "keep-alive");
+    }
+    return true;
+}
+
+// Digits only, and the same value when it comes more than once.
+inline bool ParseContentLength(std::string_view value, Fields& fields)
+{
+    if (value.empty() || value.size() > 18 ||
+        !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        return false;
+    }
+    long long length = 0;
+    for (const char c : value) {
+        length = length * 10 + (c - '0');
+    }
+    if (fields.contentLength >= 0 && fields.contentLength != length) {
+        return false;
+    }
+    fields.contentLength = length;
+    return true;
+}
+
+// "Name: value"; false when malformed (a folded line starts with a space and is).
+inline bool ParseField(std::string_view line, Fields& fields)
+{
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos || !IsToken(line.substr(0, colon))) {
+        return false;
+    }
+    const std::string_view name = line.substr(0, colon);
+    const std::string_view value = Trim(line.substr(colon + 1));
+    if (std::any_of(value.begin(), value.end(), [](char c) { return (c < ' ' && c != '\t') || c == 0x7f; })) {
+        return false;
+    }
+    if (EqualsNoCase(name, "host")) {
+        ++fields.hosts;
+    } else if (EqualsNoCase(name, "connection")) {
+        return ParseConnection(value, fields);
+    } else if (EqualsNoCase(name, "content-length")) {
+        return ParseContentLength(value, fields);
+    } else if (EqualsNoCase(name, "transfer-encoding")) {
+        fields.transferEncoding = true;
+    }
+    return true;
+}
+
+} // namespace detail
+
+// Parses the head of one request (its bytes, without the empty line that
+// ends it): 0 when it is well formed, else the status to answer.
+inline int ParseHead(std::string_view head, Request& request)
+{
+    request = Request{};
+    std::string_view target;
+    if (const int status = detail::ParseRequestLine(detail::TakeLine(head), request, target); status != 0) {
+        return status;
+    }
+    detail::Fields fields;
     while (!head.empty()) {
-        const std::string_view line = nextLine();
-        const size_t colon = line.find(':');
-        if (colon == std::string_view::npos || !detail::IsToken(line.substr(0, colon))) {
-            return 400; // also a folded line, which starts with a space
-        }
-        const std::string_view name = line.substr(0, colon);
-        const std::string_view value = detail::Trim(line.substr(colon + 1));
-        if (std::any_of(value.begin(), value.end(),
-                        [](char c) { return (c < ' ' && c != '\t') || c == 0x7f; })) {
+        if (!detail::ParseField(detail::TakeLine(head), fields)) {
             return 400;
         }
-        if (detail::EqualsNoCase(name, "host")) {
-            ++hosts;
-        } else if (detail::EqualsNoCase(name, "connection")) {
-            std::string_view rest = value;
-            while (!rest.empty()) {
-                const size_t comma = rest.find(',');
-                const std::string_view option = detail::Trim(rest.substr(0, comma));
-                rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
-                close = close || detail::EqualsNoCase(option, "close");
-                keepAlive = keepAlive || detail::EqualsNoCase(option, "keep-alive");
-            }
-        } else if (detail::EqualsNoCase(name, "content-length")) {
-            if (value.empty() || value.size() > 18 ||
-                !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-                return 400;
-            }
-            long long length = 0;
-            for (const char c : value) {
-                length = length * 10 + (c - '0');
-            }
-            if (contentLength >= 0 && contentLength != length) {
-                return 400;
-            }
-            contentLength = length;
-        } else if (detail::EqualsNoCase(name, "transfer-encoding")) {
-            chunked = true;
-        }
     }
-    if (hosts > 1 || (hosts == 0 && request.minor >= 1)) {
+    if (fields.hosts > 1 || (fields.hosts == 0 && request.minor >= 1)) {
         return 400;
     }
-    if (chunked && contentLength >= 0) {
+    if (fields.transferEncoding && fields.contentLength >= 0) {
         return 400; // two framings: a smuggling attempt
     }
-    request.hasBody = chunked || contentLength > 0;
-    request.keepAlive = !close && !request.hasBody && (request.minor >= 1 || keepAlive);
+    request.hasBody = fields.transferEncoding || fields.contentLength > 0;
+    request.keepAlive = !fields.close && !request.hasBody && (request.minor >= 1 || fields.keepAlive);
     DecodeTarget(target, request);
     if (request.refusal == 400) {
         request.keepAlive = false;
@@ -309,18 +364,8 @@ public:
     // split into receives.
     Parse Next(Request& request, int& status)
     {
-        while (_begin < _end && (_buffer[_begin] == '\n' || _buffer[_begin] == '\r')) {
-            if (_buffer[_begin] == '\r') {
-                if (_begin + 1 == _end) {
-                    return Parse::kNeedMore;
-                }
-                if (_buffer[_begin + 1] != '\n') {
-                    break;
-                }
-                ++_begin;
-            }
-            ++_begin;
-            _scanned = 0;
+        if (!SkipEmptyLines()) {
+            return Parse::kNeedMore;
         }
         const unsigned char* const data = _buffer.data() + _begin;
         const size_t limit = std::min(Buffered(), kMaxHead);
@@ -347,6 +392,25 @@ public:
     }
 
 private:
+    // Drops the empty lines before a request; false when a lone "\r" ends the buffer.
+    bool SkipEmptyLines()
+    {
+        while (_begin < _end && (_buffer[_begin] == '\n' || _buffer[_begin] == '\r')) {
+            if (_buffer[_begin] == '\r') {
+                if (_begin + 1 == _end) {
+                    return false;
+                }
+                if (_buffer[_begin + 1] != '\n') {
+                    return true;
+                }
+                ++_begin;
+            }
+            ++_begin;
+            _scanned = 0;
+        }
+        return true;
+    }
+
     std::array<unsigned char, kReceiveBuffer> _buffer{};
     size_t _begin = 0;
     size_t _end = 0;
@@ -619,7 +683,6 @@ private:
             Keep(name, small);
         }
         found.small = std::move(small);
-        return;
     }
 
     // A file changed within the last second may change again without its
