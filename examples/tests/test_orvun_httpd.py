@@ -24,6 +24,7 @@ HTTPD = os.environ.get("ORVUN_HTTPD", "")
 SCALE = float(os.environ.get("ORVUN_STRESS_SCALE", "1"))
 LIMIT = 30.0  # seconds: the bound of every wait
 SECRET = b"SECRET-outside-the-served-folder\n"
+HUGE = 512 * 1024 * 1024
 
 
 def setUpModule():
@@ -52,7 +53,7 @@ def make_tree(root):
         with open(os.path.join(root, name), "wb") as out:
             out.write(content)
     with open(os.path.join(www, "huge.bin"), "wb") as out:
-        out.truncate(512 * 1024 * 1024)  # sparse: a download that outlasts any socket buffer
+        out.truncate(HUGE)  # sparse: a download that outlasts any socket buffer
     os.symlink("../secret.txt", os.path.join(www, "out-file"))
     os.symlink(os.path.join(root, "secret.txt"), os.path.join(www, "out-absolute"))
     os.symlink("../elsewhere", os.path.join(www, "out-folder"))
@@ -357,6 +358,32 @@ class ServedFolderTests(unittest.TestCase):
         self.assertNotIn("Non-2xx responses", report)
 
 
+def stalled_download(port):
+    """A client that asks for huge.bin, takes the head and stops reading:
+    the server's thread then blocks in a send."""
+    stalled = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    stalled.settimeout(LIMIT)
+    stalled.connect(("127.0.0.1", port))
+    stalled.sendall(get("/huge.bin"))
+    if not stalled.recv(1024).startswith(b"HTTP/1.1 200 OK"):
+        raise AssertionError("huge.bin not served")
+    return stalled
+
+
+def received_until_closed(connection):
+    """Reads until the server closes or resets; returns the byte count."""
+    count = 0
+    try:
+        while True:
+            part = connection.recv(1 << 20)
+            if not part:
+                return count
+            count += len(part)
+    except ConnectionResetError:
+        return count
+
+
 class LifetimeTests(unittest.TestCase):
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="orvun-httpd-")
@@ -370,6 +397,8 @@ class LifetimeTests(unittest.TestCase):
 
     def test_idle_connections_are_closed_after_the_time_out(self):
         server = self.start("-t", "1")
+        stalled = stalled_download(server.port)
+        self.addCleanup(stalled.close)
         silent = Client(server.port)
         partial = Client(server.port)
         partial.send(b"GET /one.txt HTTP/1.1\r\nHost: a\r\n")
@@ -383,21 +412,16 @@ class LifetimeTests(unittest.TestCase):
         elapsed = time.monotonic() - started
         self.assertGreaterEqual(elapsed, 0.9, "closed before the time-out")
         self.assertLess(elapsed, 10, "not closed long after the time-out")
+        # The stalled download was cut too, far from its end.
+        self.assertLess(received_until_closed(stalled), HUGE // 2)
         self.assertEqual(raw(server.port, get("/one.txt"))[0], 200)  # new connections still served
         status, _, err = server.stop()
         self.assertEqual(status, 0, err)
 
     def test_stop_under_load_within_a_second(self):
         server = self.start("-t", "30")
-        # A client that asks for a long download and stops reading: the
-        # server's thread blocks in a send.
-        stalled = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        stalled = stalled_download(server.port)
         self.addCleanup(stalled.close)
-        stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-        stalled.settimeout(LIMIT)
-        stalled.connect(("127.0.0.1", server.port))
-        stalled.sendall(get("/huge.bin"))
-        self.assertTrue(stalled.recv(1024).startswith(b"HTTP/1.1 200 OK"))
         silent = Client(server.port)
         self.addCleanup(silent.socket.close)
         bench = subprocess.Popen(
