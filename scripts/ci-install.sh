@@ -55,6 +55,8 @@ $foreign"
 done
 [ -x "$prefix/bin/orvun-cat" ] || fail "bin/orvun-cat is missing"
 "$prefix/bin/orvun-cat" --help >/dev/null || fail "the installed orvun-cat does not run"
+[ -x "$prefix/bin/orvun-httpd" ] || fail "bin/orvun-httpd is missing"
+"$prefix/bin/orvun-httpd" --help >/dev/null || fail "the installed orvun-httpd does not run"
 
 echo "== tests/consumer through find_package(OrvunNet)"
 cmake -S tests/consumer -B "$work/consumer-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
@@ -107,5 +109,6 @@ for library in OrvunCpu OrvunFileSystem; do
     echo "libOrvunNet.so finds $found"
 done
 "$work/moved/bin/orvun-cat" --help >/dev/null || fail "the moved orvun-cat does not run"
+"$work/moved/bin/orvun-httpd" --help >/dev/null || fail "the moved orvun-httpd does not run"
 echo "the moved bin/orvun-cat runs"
 echo "ci-install: installed libraries, headers, CMake package and pkg-config file work, wherever the prefix is"
