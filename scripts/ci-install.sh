@@ -61,6 +61,8 @@ done
 "$prefix/bin/orvun-cat" --help >/dev/null || fail "the installed orvun-cat does not run"
 [ -x "$prefix/bin/orvun-chat" ] || fail "bin/orvun-chat is missing"
 "$prefix/bin/orvun-chat" --help >/dev/null || fail "the installed orvun-chat does not run"
+[ -x "$prefix/bin/orvun-httpd" ] || fail "bin/orvun-httpd is missing"
+"$prefix/bin/orvun-httpd" --help >/dev/null || fail "the installed orvun-httpd does not run"
 
 echo "== tests/consumer through find_package(OrvunNet)"
 cmake -S tests/consumer -B "$work/consumer-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
@@ -113,6 +115,7 @@ for library in OrvunCpu OrvunFileSystem; do
     echo "libOrvunNet.so finds $found"
 done
 "$work/moved/bin/orvun-cat" --help >/dev/null || fail "the moved orvun-cat does not run"
+"$work/moved/bin/orvun-httpd" --help >/dev/null || fail "the moved orvun-httpd does not run"
 echo "the moved bin/orvun-cat runs"
 "$work/moved/bin/orvun-chat" --help >/dev/null || fail "the moved orvun-chat does not run"
 echo "the moved bin/orvun-chat runs"

@@ -15,7 +15,7 @@ bash scripts/install-deps.sh --check cmake make clang libclang-rt-14-dev
 
 seconds=${FUZZ_SECONDS:-45}
 dir=build/fuzz
-targets=(fuzz_address fuzz_stream fuzz_profiler)
+targets=(fuzz_address fuzz_stream fuzz_profiler fuzz_http_request)
 
 configure_preset fuzz
 build_preset fuzz

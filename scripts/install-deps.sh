@@ -2,8 +2,8 @@
 # The one script that installs Debian packages:
 #   bash scripts/install-deps.sh PACKAGE...          installs those missing (apt-get, as root or through sudo)
 #   bash scripts/install-deps.sh --check PACKAGE...  names those missing and exits 1, installs nothing
-# Only the README's two commands, scripts/bench.sh and .ci/run install; the
-# other scripts check.
+# Only the README's two commands, scripts/bench.sh, scripts/bench-http.sh and
+# .ci/run install; the other scripts check.
 set -euo pipefail
 check=0
 if [ "${1:-}" = --check ]; then

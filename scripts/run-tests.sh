@@ -2,7 +2,8 @@
 # Builds and runs every test: once as built for use (preset dev), once under
 # AddressSanitizer + UndefinedBehaviorSanitizer (asan) and once under
 # ThreadSanitizer (tsan). Installs what is missing first (cmake, g++, make,
-# GoogleTest, python3). Any failing test or sanitizer report makes it exit
+# GoogleTest, python3, and curl, ApacheBench, socat and nc for the example
+# servers). Any failing test or sanitizer report makes it exit
 # non-zero. The stress tests (CTest label "stress") run in all three, at
 # ORVUN_STRESS_SCALE (default 1) in the plain build and at a fifth or a
 # quarter of it under the slower sanitizers.
