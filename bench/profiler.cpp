@@ -47,17 +47,23 @@ void Operations(benchmark::State& state, Op op, int depth, bool enabled)
     if (state.thread_index() == 0) {
         Stamp(state);
     }
-    // From the first operation after the start barrier to the end barrier,
-    // which waits for the last thread: with two threads, the span of both.
-    // (Real time would average the threads' own spans.)
-    Clock::time_point start{};
+    // From the first operation of either thread to the end barrier, which
+    // waits for the last thread: with two threads, the span of both. (Real
+    // time would average the threads' own spans.)
+    static std::atomic<Clock::rep> first{0};
+    if (state.thread_index() == 0) {
+        first = 0; // before the start barrier, which the other thread waits at
+    }
+    bool started = false;
     for (auto _ : state) {
-        if (start == Clock::time_point{}) {
-            start = Clock::now();
+        if (!started) {
+            Clock::rep none = 0;
+            first.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
+            started = true;
         }
         Run(op);
     }
-    state.SetIterationTime(Seconds(Clock::now() - start));
+    state.SetIterationTime(Seconds(Clock::now() - Clock::time_point(Clock::duration(first.load()))));
     while (!open.empty()) {
         open.pop_back(); // innermost first
     }
