@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release (build/bench) and prints the ratio table:
 # the library against raw POSIX code and Boost.Asio, every repetition of
-# every variant in random order (Google Benchmark). Loopback only; about two
+# every variant in random order (Google Benchmark). Loopback only; two to three
 # minutes on 2 cores, plus the build. The results stay in
 # build/bench-results/<2cpus|pinned>.json; scripts/bench-table.py prints a
 # table of one or more of them.
