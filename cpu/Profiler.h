@@ -185,38 +185,9 @@ public:
     // thread that never opened an enabled scope.
     static void Extra(const std::string& name, double value)
     {
-        if (!IsEnabled()) {
-            return;
-        }
-        const std::thread::id id = std::this_thread::get_id();
-        SharedMutex::SharedHold hold(profilesMutex);
-        auto found = profiles.find(id);
-        if (found == profiles.end()) {
-            return;
-        }
-        // Map nodes stay put when other threads add keys; iterators may not.
-        auto& records = found->second;
-        if (extras.find(name) == extras.end()) {
-            WithExclusive([&name] { extras.insert(name); });
-        }
-        const std::vector<std::string>& stack = profileStacks.at(id);
-        if (stack.empty()) {
-            return;
-        }
-        // The outermost path is the bare name: no copy for it, and none at
-        // all in the common case of one open scope.
-        records.at(stack.front()).extraProfiles[name].Add(value);
-        if (stack.size() == 1) {
-            return;
-        }
-        std::string& path = Scratch();
-        path = stack.front();
-        for (auto scope = stack.begin() + 1; scope != stack.end(); ++scope) {
-            // A separator per level, as `Open` builds paths: an empty scope
-            // name must not merge two levels into another scope's path.
-            path += '/';
-            path += *scope;
-            records.at(path).extraProfiles[name].Add(value);
+        // The check alone inlines into callers: profiling is off by default.
+        if (IsEnabled()) {
+            RecordExtra(name, value);
         }
     }
 
@@ -276,6 +247,49 @@ private:
         change();
     }
 
+    // What `Extra` does while recording is on.
+    static void RecordExtra(const std::string& name, double value)
+    {
+        const std::thread::id id = std::this_thread::get_id();
+        SharedMutex::SharedHold hold(profilesMutex);
+        auto found = profiles.find(id);
+        if (found == profiles.end()) {
+            return;
+        }
+        // Map nodes stay put when other threads add keys; iterators may not.
+        auto& records = found->second;
+        if (extras.find(name) == extras.end()) {
+            WithExclusive([&name] { extras.insert(name); });
+        }
+        const std::vector<std::string>& stack = profileStacks.at(id);
+        if (stack.empty()) {
+            return;
+        }
+        // The outermost path is the bare name: no copy for it, and none at
+        // all in the common case of one open scope.
+        Entry(records.at(stack.front()).extraProfiles, name).Add(value);
+        if (stack.size() == 1) {
+            return;
+        }
+        std::string& path = Scratch();
+        path = stack.front();
+        for (auto scope = stack.begin() + 1; scope != stack.end(); ++scope) {
+            // A separator per level, as `Open` builds paths: an empty scope
+            // name must not merge two levels into another scope's path.
+            path += '/';
+            path += *scope;
+            Entry(records.at(path).extraProfiles, name).Add(value);
+        }
+    }
+
+    // `map[key]` without hashing the key when it is already there: `find`
+    // compares the keys of a small map one by one, where `[]` always hashes.
+    template <typename Map> static Profile& Entry(Map& map, const std::string& key)
+    {
+        auto found = map.find(key);
+        return found != map.end() ? found->second : map[key];
+    }
+
     static void PopStack()
     {
         auto stack = profileStacks.find(std::this_thread::get_id());
@@ -303,7 +317,7 @@ private:
             std::vector<std::string>& stack = profileStacks.at(id);
             if (stack.empty()) {
                 // No scope open: the path is the bare name, used as it is.
-                profile = &threadProfiles->second[name];
+                profile = &Entry(threadProfiles->second, name);
             } else {
                 std::string& path = Scratch();
                 path.clear();
@@ -312,7 +326,7 @@ private:
                     path += '/';
                 }
                 path += name;
-                profile = &threadProfiles->second[path];
+                profile = &Entry(threadProfiles->second, path);
             }
             stack.push_back(name);
         }

@@ -214,6 +214,13 @@ constexpr size_t kDatagramCapacity = 1400;
 // Largest flush-worker batch whose storage is kept for reuse.
 constexpr size_t kKeptBatchCapacity = size_t{4} << 20;
 
+// Profiler names, built once: the profiler takes const std::string&, and a
+// temporary on every flush or datagram would cost even with profiling off.
+const std::string kTcpTx = "TCP TX";
+const std::string kUdpTx = "UDP TX";
+const std::string kUdpRx = "UDP RX";
+const std::string kUdpListenerScope = "UDP Listener";
+
 } // namespace
 
 // ---------------------------------------------------------------- Socket
@@ -382,7 +389,7 @@ void TcpSocket::Flush()
     if (size == 0) {
         return;
     }
-    Profiler::Extra("TCP TX", static_cast<double>(size));
+    Profiler::Extra(kTcpTx, static_cast<double>(size));
     if (_nonBlockingFlush) {
         {
             std::lock_guard<std::mutex> lock(_flushMutex);
@@ -555,7 +562,7 @@ void UdpSocket::Flush()
     if (size == 0) {
         return;
     }
-    Profiler::Extra("UDP TX", static_cast<double>(size));
+    Profiler::Extra(kUdpTx, static_cast<double>(size));
     SendDatagram(_socket, _buffer, _remoteAddress.get(), AddressLength(_isIPv6));
     Stream::Flush();
 }
@@ -598,7 +605,7 @@ void UdpSocket::RunReceiveLoop(const Callback& callback)
     try {
         Profiler::SetThreadName("ORVUN_UDP_Lisn");
         while (_running) {
-            Profiler scope("UDP Listener", true);
+            Profiler scope(kUdpListenerScope, true);
             const int ready = Poll(kPollPeriodMs);
             if (!_running) {
                 return;
@@ -621,7 +628,7 @@ void UdpSocket::RunReceiveLoop(const Callback& callback)
             if (received < 1) {
                 return;
             }
-            Profiler::Extra("UDP RX", static_cast<double>(received));
+            Profiler::Extra(kUdpRx, static_cast<double>(received));
             datagram.resize(static_cast<size_t>(received));
             callback(*this, ReadOnlyStream(std::move(datagram)));
         }
@@ -652,7 +659,7 @@ void UdpListener::SendTo(const std::string& host, unsigned short port)
     if (size == 0) {
         return;
     }
-    Profiler::Extra("UDP TX", static_cast<double>(size));
+    Profiler::Extra(kUdpTx, static_cast<double>(size));
 
     // Built for this call only, in the listener's family whatever `host` says.
     sockaddr_in6 destination{};
