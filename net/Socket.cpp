@@ -214,12 +214,24 @@ constexpr size_t kDatagramCapacity = 1400;
 // Largest flush-worker batch whose storage is kept for reuse.
 constexpr size_t kKeptBatchCapacity = size_t{4} << 20;
 
-// Profiler names, built once: the profiler takes const std::string&, and a
-// temporary on every flush or datagram would cost even with profiling off.
-const std::string kTcpTx = "TCP TX";
-const std::string kUdpTx = "UDP TX";
-const std::string kUdpRx = "UDP RX";
-const std::string kUdpListenerScope = "UDP Listener";
+// Profiler names, built once on first use (loading the library runs no code
+// of ours): the profiler takes const std::string&, and a temporary per flush
+// or datagram would cost even with profiling off.
+enum class Name { TcpTx, UdpTx, UdpRx, UdpListener };
+const std::string& ProfilerName(Name name)
+{
+    static const std::string names[] = {"TCP TX", "UDP TX", "UDP RX", "UDP Listener"};
+    return names[static_cast<int>(name)];
+}
+
+// Profiler::Extra, which records nothing while profiling is off: testing the
+// switch first keeps a flush from even reaching the name then.
+void CountBytes(Name name, double bytes)
+{
+    if (Profiler::IsEnabled()) {
+        Profiler::Extra(ProfilerName(name), bytes);
+    }
+}
 
 } // namespace
 
@@ -389,7 +401,7 @@ void TcpSocket::Flush()
     if (size == 0) {
         return;
     }
-    Profiler::Extra(kTcpTx, static_cast<double>(size));
+    CountBytes(Name::TcpTx, static_cast<double>(size));
     if (_nonBlockingFlush) {
         {
             std::lock_guard<std::mutex> lock(_flushMutex);
@@ -562,7 +574,7 @@ void UdpSocket::Flush()
     if (size == 0) {
         return;
     }
-    Profiler::Extra(kUdpTx, static_cast<double>(size));
+    CountBytes(Name::UdpTx, static_cast<double>(size));
     SendDatagram(_socket, _buffer, _remoteAddress.get(), AddressLength(_isIPv6));
     Stream::Flush();
 }
@@ -605,7 +617,7 @@ void UdpSocket::RunReceiveLoop(const Callback& callback)
     try {
         Profiler::SetThreadName("ORVUN_UDP_Lisn");
         while (_running) {
-            Profiler scope(kUdpListenerScope, true);
+            Profiler scope(ProfilerName(Name::UdpListener), true);
             const int ready = Poll(kPollPeriodMs);
             if (!_running) {
                 return;
@@ -628,7 +640,7 @@ void UdpSocket::RunReceiveLoop(const Callback& callback)
             if (received < 1) {
                 return;
             }
-            Profiler::Extra(kUdpRx, static_cast<double>(received));
+            CountBytes(Name::UdpRx, static_cast<double>(received));
             datagram.resize(static_cast<size_t>(received));
             callback(*this, ReadOnlyStream(std::move(datagram)));
         }
@@ -659,7 +671,7 @@ void UdpListener::SendTo(const std::string& host, unsigned short port)
     if (size == 0) {
         return;
     }
-    Profiler::Extra(kUdpTx, static_cast<double>(size));
+    CountBytes(Name::UdpTx, static_cast<double>(size));
 
     // Built for this call only, in the listener's family whatever `host` says.
     sockaddr_in6 destination{};
