@@ -1,6 +1,8 @@
 // The profiler's registry lock: shared holders run together, an exclusive
 // holder runs alone, and a waiting writer does not hold new readers back.
-#include "Support.h"
+#include "support/Common.h"
+
+#include "cpu/Profiler.h"
 
 #include <atomic>
 #include <cstdio>
