@@ -21,6 +21,16 @@ class ByteCountTest : public testing::Test {
 protected:
     void SetUp() override { ResetProfiler(true); }
     void TearDown() override { ResetProfiler(false); }
+    // Sends each datagram to loopback:`port` from a raw socket.
+    void Send(unsigned short port, std::initializer_list<Bytes> datagrams)
+    {
+        unsigned short own;
+        _sender = RawUdp(false, own);
+        for (const Bytes& datagram : datagrams) {
+            EXPECT_TRUE(SendDatagram(_sender.Get(), false, port, datagram));
+        }
+    }
+    Fd _sender;
 };
 
 // Flushes an empty buffer, then 5 bytes and 7 bytes, inside scope "outer"
@@ -108,11 +118,7 @@ TEST_F(ByteCountTest, EachDatagramIsCountedBeforeItsCallback)
         const ProfilerTables tables = Profiles();
         views.Push({tables.Stack(), tables.Record(kLoop, "UDP RX"), std::this_thread::get_id()});
     });
-    unsigned short port;
-    Fd sender = RawUdp(false, port);
-    for (const size_t size : {10, 2000, 1400}) {
-        SendDatagram(sender.Get(), false, listener->GetLocalPort(), RandomBytes(size));
-    }
+    Send(listener->GetLocalPort(), {RandomBytes(10), RandomBytes(2000), RandomBytes(1400)});
     const auto first = views.Take();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->stack, std::vector<std::string>{kLoop});
@@ -139,9 +145,10 @@ TEST_F(ByteCountTest, LoopScopeCoversTheIdlePollWait)
     EXPECT_GE(tables.Record(kLoop, "", thread).max, 50.0);
 }
 
-// Replies flushed in the callback count in the loop's scope and in the
-// callback's own, which nests under it.
-TEST_F(ByteCountTest, RepliesCountInTheLoopsScope)
+// A scope the callback opens (this executable's copy of the inline code)
+// nests under the loop's (OrvunNet's copy), and a reply flushed inside it
+// counts in both.
+TEST_F(ByteCountTest, RepliesCountInTheLoopsScopeAndTheCallbacks)
 {
     Queue<std::thread::id> handled;
     UdpListener listener("127.0.0.1", 0, [&](const UdpSocket& socket, ReadOnlyStream&& stream) {
@@ -151,14 +158,13 @@ TEST_F(ByteCountTest, RepliesCountInTheLoopsScope)
         reply.Flush();
         handled.Push(std::this_thread::get_id());
     });
-    unsigned short port;
-    Fd sender = RawUdp(false, port);
-    SendDatagram(sender.Get(), false, listener.GetLocalPort(), ToBytes("seven b"));
+    Send(listener.GetLocalPort(), {ToBytes("seven b")});
     const auto thread = handled.Take();
     ASSERT_TRUE(thread);
     const ProfilerTables tables = Profiles();
     EXPECT_EQ(Summary(tables.Record(kLoop, "UDP TX", *thread)), "1 7 7 7");
     EXPECT_EQ(Summary(tables.Record("UDP Listener/reply", "UDP TX", *thread)), "1 7 7 7");
+    EXPECT_EQ(tables.extras, (std::set<std::string>{"UDP RX", "UDP TX"}));
 }
 
 TEST_F(ByteCountTest, LoopScopeIsClosedWhenTheCallbackThrows)
@@ -168,9 +174,7 @@ TEST_F(ByteCountTest, LoopScopeIsClosedWhenTheCallbackThrows)
         called.Push(std::this_thread::get_id());
         throw std::runtime_error("callback failed");
     });
-    unsigned short port;
-    Fd sender = RawUdp(false, port);
-    SendDatagram(sender.Get(), false, listener.GetLocalPort(), ToBytes("one"));
+    Send(listener.GetLocalPort(), {ToBytes("one")});
     const auto thread = called.Take();
     ASSERT_TRUE(thread);
     ASSERT_TRUE(WaitFor([&] { return listener.GetThreadError() != nullptr; }));
@@ -204,27 +208,6 @@ TEST_F(ByteCountTest, ProfilingOffRecordsOnlyLoopThreadNames)
     for (const auto& [thread, name] : tables.names) {
         EXPECT_EQ(name, "ORVUN_UDP_Lisn");
     }
-}
-
-// A scope and extra opened in this executable's copy of the inline code
-// nest under the receive loop's scope, opened by OrvunNet's copy.
-TEST_F(ByteCountTest, CallbackScopesNestUnderTheLoopsScope)
-{
-    Queue<std::thread::id> handled;
-    UdpListener listener("127.0.0.1", 0, [&](const UdpSocket&, ReadOnlyStream&&) {
-        Profiler scope("callback");
-        Profiler::Extra("test extra", 5.0);
-        handled.Push(std::this_thread::get_id());
-    });
-    unsigned short port;
-    Fd sender = RawUdp(false, port);
-    SendDatagram(sender.Get(), false, listener.GetLocalPort(), ToBytes("x"));
-    const auto thread = handled.Take();
-    ASSERT_TRUE(thread);
-    const ProfilerTables tables = Profiles();
-    EXPECT_EQ(Summary(tables.Record(kLoop, "test extra", *thread)), "1 5 5 5");
-    EXPECT_EQ(Summary(tables.Record("UDP Listener/callback", "test extra", *thread)), "1 5 5 5");
-    EXPECT_EQ(tables.extras, (std::set<std::string>{"UDP RX", "test extra"}));
 }
 
 } // namespace
