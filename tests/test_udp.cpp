@@ -273,15 +273,18 @@ TEST_P(UdpTest, ReadAndASecondReceiveAreRefused)
     unsigned short port;
     Fd sender = Raw(port);
     UdpSocket client(Host(), port, 0);
-    UdpListener listener(Host(), 0, first.Callback());
-    unsigned char byte = 0;
-    for (UdpSocket* udp : {&client, static_cast<UdpSocket*>(&listener)}) {
-        Stream& stream = *udp;
-        EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { stream.Read(&byte, 1); }), "Write-Only Stream");
-        EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { stream.Read(nullptr, 0); }), "Write-Only Stream");
-        EXPECT_EQ(udp->GetIncomingAddress(), ""); // nothing received yet
-        EXPECT_EQ(udp->GetIncomingPort(), 0);
+    {
+        UdpListener idle(Host(), 0, [](auto&&...) {}); // receives nothing
+        unsigned char byte = 0;
+        for (UdpSocket* udp : {&client, static_cast<UdpSocket*>(&idle)}) {
+            Stream& stream = *udp;
+            EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { stream.Read(&byte, 1); }), "Write-Only Stream");
+            EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { stream.Read(nullptr, 0); }), "Write-Only Stream");
+            EXPECT_EQ(udp->GetIncomingAddress(), ""); // nothing received yet
+            EXPECT_EQ(udp->GetIncomingPort(), 0);
+        }
     }
+    UdpListener listener(Host(), 0, first.Callback());
     EXPECT_THROW(listener.Receive(second.Callback()), std::logic_error);
     SendFrom(sender, listener.GetLocalPort(), ToBytes("still here"));
     const auto arrival = first.Take();
