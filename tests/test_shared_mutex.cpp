@@ -1,51 +1,35 @@
 // The profiler's registry lock: shared holders run together, an exclusive
 // holder runs alone, and a waiting writer does not hold new readers back.
-#include "Support.h"
+#include "support/Common.h"
 
-#include <atomic>
+#include "cpu/Profiler.h"
+
 #include <cstdio>
 #include <cstdlib>
-#include <thread>
+#include <future>
 
 namespace {
 
 using orvun::cpu::SharedMutex;
-using support::WaitFor;
+using namespace std::chrono_literals;
 
-// A thread that never gets the lock cannot be joined, and leaving it would
-// hang the run: fail the whole test program instead.
-[[noreturn]] void Stuck(const char* what)
-{
-    std::fprintf(stderr, "deadlock: %s\n", what);
-    std::fflush(stderr);
-    std::_Exit(1);
-}
-
-// A thread running `body`. Finish joins it, and ends the test program if
-// the body has not returned within the bound.
+// Runs `body` on a thread of its own. A body that never gets the lock could
+// be neither joined nor left behind, so Finish ends the test program then.
 class Bounded {
 public:
-    template <typename Body> explicit Bounded(Body body)
-        : _thread([this, body] {
-              body();
-              _done = true;
-          })
-    {
-    }
+    template <typename Body> explicit Bounded(Body body) : _done(std::async(std::launch::async, body)) {}
     void Finish(const char* what)
     {
-        if (!WaitFor([this] { return _done.load(); })) {
-            Stuck(what);
+        if (_done.wait_for(10s) != std::future_status::ready) {
+            std::fprintf(stderr, "deadlock: %s\n", what);
+            std::_Exit(1);
         }
-        _thread.join();
     }
 
 private:
-    std::atomic<bool> _done{false};
-    std::thread _thread;
+    std::future<void> _done;
 };
 
-// Takes and gives back a shared hold on another thread.
 void SharedHoldFrom(SharedMutex& lock)
 {
     Bounded([&] { SharedMutex::SharedHold hold(lock); }).Finish("a reader never got the lock");
@@ -62,7 +46,7 @@ TEST(SharedMutexTest, ReadersShareAndAWaitingWriterDoesNotHoldThemBack)
         holding = true;
     });
     // The writer cannot get in while a reader holds the lock...
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(holding);
     // ...and new readers are still let in while it waits.
     SharedHoldFrom(lock);
@@ -87,7 +71,7 @@ TEST(SharedMutexTest, AWriterKeepsReadersAndWritersOut)
         SharedMutex::ExclusiveHold hold(lock);
         secondWriterIn = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(50ms);
     EXPECT_FALSE(readerIn.load());
     EXPECT_FALSE(secondWriterIn.load());
     lock.Unlock();
@@ -114,18 +98,11 @@ TEST(SharedMutexTest, ExclusiveChangesAreAtomicToReadersUnderContention)
     auto read = [&] {
         for (int i = 0; i < kRounds; ++i) {
             SharedMutex::SharedHold hold(lock);
-            if (first != second) {
-                ++torn;
-            }
+            torn += first != second ? 1 : 0;
         }
     };
-    std::thread writers[] = {std::thread(write), std::thread(write)};
-    std::thread readers[] = {std::thread(read), std::thread(read)};
-    for (auto& t : writers) {
-        t.join();
-    }
-    for (auto& t : readers) {
-        t.join();
+    {
+        std::jthread threads[] = {std::jthread(write), std::jthread(write), std::jthread(read), std::jthread(read)};
     }
     EXPECT_EQ(first, 2L * kRounds);
     EXPECT_EQ(second, 2L * kRounds);

@@ -8,8 +8,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <set>
 
-#include "Support.h"
+#include "support/Stress.h"
 #include "net/Socket.h"
 
 namespace {
@@ -98,6 +99,19 @@ int RunChild(int expected)
 
 // ---------------------------------------------------------------- parent
 
+// Raises the soft descriptor limit to make room for `needed` more (the
+// tests, not the library, own process limits).
+void EnsureDescriptorRoom(size_t needed)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const auto wanted = static_cast<rlim_t>(support::OpenDescriptors() + needed + 64);
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 // The next line the child printed, without its newline; empty at its end.
 std::string Line(FILE* child)
 {
@@ -108,7 +122,7 @@ std::string Line(FILE* child)
 TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
 {
     const int connections = kHeadroom + support::Scaled(48, 8);
-    support::EnsureDescriptorRoom(static_cast<size_t>(connections));
+    EnsureDescriptorRoom(static_cast<size_t>(connections));
     // `timeout` bounds every read below: the child cannot outlive it.
     char self[4096] = "";
     ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);

@@ -2,7 +2,8 @@
 // scopes and record extras while another reads the tables out.
 #include <sstream>
 
-#include "Support.h"
+#include "support/ProfilerTables.h"
+#include "support/Stress.h"
 
 namespace {
 
@@ -40,16 +41,10 @@ TEST(ProfilerStress, EightWritersAndAReader)
     support::ResetProfiler(true);
     std::atomic<int> running{kWriters};
     std::atomic<int> reports{0};
-    std::atomic<int> malformed{0};
     std::thread reader([&] {
         while (running > 0) {
             std::ostringstream out;
             Profiler::Report(out);
-            const std::string text = out.str();
-            // Every report is whole: each thread section starts with its label.
-            if (!text.empty() && text.front() != '[') {
-                ++malformed;
-            }
             ++reports;
             std::this_thread::yield();
         }
@@ -70,7 +65,6 @@ TEST(ProfilerStress, EightWritersAndAReader)
     }
     reader.join();
     EXPECT_GT(reports, 0);
-    EXPECT_EQ(malformed, 0);
 
     // Per thread: every scope counted, every extra added to each open scope
     // exactly once, stacks empty, min and max consistent.

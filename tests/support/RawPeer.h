@@ -1,0 +1,251 @@
+// Raw POSIX loopback peers for the tests, the fuzz targets and the
+// benchmarks: the other end of a library socket, built without the library.
+// No test framework here: failures show in return values (an Fd of -1, false,
+// fewer bytes than asked for).
+#pragma once
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace rawpeer {
+
+using Bytes = std::vector<unsigned char>;
+
+// A raw descriptor closed by its destructor.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : _fd(fd) {}
+    Fd(Fd&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
+    Fd& operator=(Fd&& other) noexcept
+    {
+        Reset(std::exchange(other._fd, -1));
+        return *this;
+    }
+    ~Fd() { Reset(); }
+    int Get() const { return _fd; }
+    void Reset(int fd = -1)
+    {
+        if (_fd >= 0) {
+            ::close(_fd);
+        }
+        _fd = fd;
+    }
+
+private:
+    int _fd = -1;
+};
+
+inline sockaddr_storage Loopback(bool ipv6, unsigned short port, socklen_t& length)
+{
+    sockaddr_storage storage{};
+    if (ipv6) {
+        auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
+        a->sin6_family = AF_INET6;
+        a->sin6_port = htons(port);
+        a->sin6_addr = in6addr_loopback;
+        length = sizeof(sockaddr_in6);
+    } else {
+        auto* a = reinterpret_cast<sockaddr_in*>(&storage);
+        a->sin_family = AF_INET;
+        a->sin_port = htons(port);
+        a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        length = sizeof(sockaddr_in);
+    }
+    return storage;
+}
+
+// A socket of the family, bound to loopback:`port` (0: the system chooses)
+// when `bound` says so; -1 when that bind fails.
+inline Fd RawSocket(bool ipv6, int type, bool bound = false, unsigned short port = 0)
+{
+    Fd fd(::socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0));
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    if (bound && ::bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        return Fd();
+    }
+    return fd;
+}
+
+// The local (or with `peer`, the remote) port of a socket; 0 without one.
+inline unsigned short PortOf(int fd, bool peer = false)
+{
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(storage);
+    if ((peer ? ::getpeername : ::getsockname)(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
+        return 0;
+    }
+    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+}
+
+// A listening TCP socket on loopback, on a port the system chose; -1 on failure.
+inline Fd RawTcpListener(bool ipv6, unsigned short& port, int backlog = 64)
+{
+    Fd fd = RawSocket(ipv6, SOCK_STREAM, true);
+    if (fd.Get() < 0 || ::listen(fd.Get(), backlog) != 0) {
+        return Fd();
+    }
+    port = PortOf(fd.Get());
+    return fd;
+}
+
+// One accepted connection within `limit`; -1 when none came.
+inline Fd AcceptWithin(int listener, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    pollfd entry{listener, POLLIN, 0};
+    if (::poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
+        return Fd();
+    }
+    return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+// 0 when a TCP connect to loopback:`port` succeeds, else its errno; `fd` gets the socket.
+inline int TryConnect(bool ipv6, unsigned short port, Fd* fd = nullptr)
+{
+    Fd own = RawSocket(ipv6, SOCK_STREAM);
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    const int result = ::connect(own.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
+    if (fd != nullptr) {
+        *fd = std::move(own);
+    }
+    return result;
+}
+
+// A connected TCP socket; -1 when the connect failed.
+inline Fd RawTcpConnect(bool ipv6, unsigned short port)
+{
+    Fd fd;
+    return TryConnect(ipv6, port, &fd) == 0 ? std::move(fd) : Fd();
+}
+
+// Reads until `size` bytes have come, the peer has closed (or the read
+// failed; `closed` says so) or `limit` has passed.
+inline Bytes ReadUpTo(int fd, size_t size, bool* closed, std::chrono::milliseconds limit)
+{
+    Bytes bytes;
+    bool ended = false;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!ended && bytes.size() < size && std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN, 0};
+        unsigned char chunk[65536];
+        if (::poll(&entry, 1, 50) == 1) {
+            const ssize_t n = ::read(fd, chunk, std::min(sizeof(chunk), size - bytes.size()));
+            ended = n <= 0;
+            bytes.insert(bytes.end(), chunk, chunk + std::max<ssize_t>(n, 0));
+        }
+    }
+    if (closed != nullptr) {
+        *closed = ended;
+    }
+    return bytes;
+}
+inline Bytes ReadExactly(int fd, size_t size, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    return ReadUpTo(fd, size, nullptr, limit);
+}
+inline Bytes ReadUntilClosed(int fd, bool& closed, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    return ReadUpTo(fd, SIZE_MAX, &closed, limit);
+}
+
+// False when a send failed before every byte went.
+inline bool SendAll(int fd, const Bytes& bytes)
+{
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Closes a TCP descriptor with a reset instead of an orderly shutdown.
+inline void ResetConnection(Fd& fd)
+{
+    linger option{1, 0};
+    ::setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+    fd.Reset();
+}
+
+// This process's connected TCP descriptor with these ports; -1 if none.
+inline int FindTcpDescriptor(unsigned short localPort, unsigned short peerPort)
+{
+    DIR* dir = ::opendir("/proc/self/fd");
+    int found = -1;
+    while (dirent* entry = dir == nullptr ? nullptr : ::readdir(dir)) {
+        const int fd = std::atoi(entry->d_name);
+        int type = 0;
+        socklen_t length = sizeof(type);
+        if (found == -1 && entry->d_name[0] != '.' &&
+            ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
+            PortOf(fd) == localPort && PortOf(fd, true) == peerPort) {
+            found = fd;
+        }
+    }
+    if (dir != nullptr) {
+        ::closedir(dir);
+    }
+    return found;
+}
+
+// Bytes received on `fd` and not read yet; -1 on failure.
+inline int QueuedBytes(int fd)
+{
+    int count = -1;
+    ::ioctl(fd, FIONREAD, &count);
+    return count;
+}
+
+// A UDP socket bound to loopback on a port the system chose; -1 on failure.
+inline Fd RawUdp(bool ipv6, unsigned short& port)
+{
+    Fd fd = RawSocket(ipv6, SOCK_DGRAM, true);
+    port = PortOf(fd.Get());
+    return fd;
+}
+
+inline bool SendDatagram(int fd, bool ipv6, unsigned short port, const Bytes& bytes)
+{
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    return ::sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address), length) ==
+           static_cast<ssize_t>(bytes.size());
+}
+
+// One datagram within `limit`, with its sender's port; empty on time-out.
+inline Bytes ReceiveDatagram(int fd, unsigned short* fromPort = nullptr,
+                             std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    pollfd entry{fd, POLLIN, 0};
+    if (::poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
+        return {};
+    }
+    Bytes bytes(65536);
+    sockaddr_storage from{};
+    socklen_t length = sizeof(from);
+    const ssize_t n = ::recvfrom(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (fromPort != nullptr) {
+        *fromPort = ntohs(reinterpret_cast<sockaddr_in*>(&from)->sin_port);
+    }
+    return bytes;
+}
+
+} // namespace rawpeer
