@@ -252,7 +252,8 @@ Socket::~Socket()
     }
 }
 
-int Socket::Poll(int timeout)
+// Not const: the exported signature is part of the interface.
+int Socket::Poll(int timeout) // NOLINT(readability-make-member-function-const)
 {
     return sys::Poll(_socket, timeout);
 }
