@@ -46,26 +46,22 @@ template <typename Socket> void FlushNothingThenFiveThenSeven(Socket& socket)
     socket.Flush();
 }
 
-TEST_F(ByteCountTest, DirectTcpFlushCountsItsBytesInEveryOpenScope)
+// A worker-mode flush counts on the flushing thread when queued, not when the worker sends.
+TEST_F(ByteCountTest, TcpFlushCountsItsBytesInEveryOpenScope)
 {
     unsigned short port = 0;
     Fd listener = RawTcpListener(false, port);
-    TcpSocket client("127.0.0.1", port, 0, 0);
-    FlushNothingThenFiveThenSeven(client);
-    const ProfilerTables tables = Profiles();
-    EXPECT_EQ(Summary(tables.Record("outer", "TCP TX")), "2 12 5 7");
-    EXPECT_EQ(Summary(tables.Record("outer/inner", "TCP TX")), "1 7 7 7");
-}
-
-// Counted on the flushing thread when queued, not when the worker sends.
-TEST_F(ByteCountTest, WorkerTcpFlushCountsItsBytesWhenQueued)
-{
-    unsigned short port = 0;
-    Fd listener = RawTcpListener(false, port);
-    TcpSocket client("127.0.0.1", port, 0, 0);
-    client.SetNonBlockingFlush();
-    FlushNothingThenFiveThenSeven(client);
-    EXPECT_EQ(Summary(Profiles().Record("outer", "TCP TX")), "2 12 5 7");
+    for (const bool worker : {false, true}) {
+        ResetProfiler(true);
+        TcpSocket client("127.0.0.1", port, 0, 0);
+        if (worker) {
+            client.SetNonBlockingFlush();
+        }
+        FlushNothingThenFiveThenSeven(client);
+        const ProfilerTables tables = Profiles();
+        EXPECT_EQ(Summary(tables.Record("outer", "TCP TX")), "2 12 5 7") << worker;
+        EXPECT_EQ(Summary(tables.Record("outer/inner", "TCP TX")), "1 7 7 7") << worker;
+    }
 }
 
 TEST_F(ByteCountTest, UdpFlushAndSendToCountTheirBytesInEveryOpenScope)
@@ -81,25 +77,20 @@ TEST_F(ByteCountTest, UdpFlushAndSendToCountTheirBytesInEveryOpenScope)
         Put(listener, Bytes(100, 'x'));
         listener.SendTo("127.0.0.1", port);
     }
-    const ProfilerTables tables = Profiles();
-    EXPECT_EQ(Summary(tables.Record("outer", "UDP TX")), "2 12 5 7");
-    EXPECT_EQ(Summary(tables.Record("outer/inner", "UDP TX")), "1 7 7 7");
-    EXPECT_EQ(Summary(tables.Record("sendto", "UDP TX")), "1 100 100 100");
-}
-
-TEST_F(ByteCountTest, FailedUdpSendsAreCountedToo)
-{
-    UdpListener listener("127.0.0.1", 0, [](auto&&...) {});
     UdpSocket toZero("127.0.0.1", 0, 0); // the kernel refuses port 0
     {
-        Profiler scope("send");
+        Profiler scope("failed"); // counted too
         Put(toZero, Bytes(3, 'x'));
         EXPECT_THROW(toZero.Flush(), SendError);
         Put(listener, Bytes(70000, 'x'));
         EXPECT_THROW(listener.SendTo("127.0.0.1", 9), SendError);
         EXPECT_THROW(listener.SendTo("1.2.3.4.5", 9), ResolveError);
     }
-    EXPECT_EQ(Summary(Profiles().Record("send", "UDP TX")), "3 140003 3 70000");
+    const ProfilerTables tables = Profiles();
+    EXPECT_EQ(Summary(tables.Record("outer", "UDP TX")), "2 12 5 7");
+    EXPECT_EQ(Summary(tables.Record("outer/inner", "UDP TX")), "1 7 7 7");
+    EXPECT_EQ(Summary(tables.Record("sendto", "UDP TX")), "1 100 100 100");
+    EXPECT_EQ(Summary(tables.Record("failed", "UDP TX")), "3 140003 3 70000");
 }
 
 // Where the receive loop's records are seen from inside its callback.
@@ -165,49 +156,6 @@ TEST_F(ByteCountTest, RepliesCountInTheLoopsScopeAndTheCallbacks)
     EXPECT_EQ(Summary(tables.Record(kLoop, "UDP TX", *thread)), "1 7 7 7");
     EXPECT_EQ(Summary(tables.Record("UDP Listener/reply", "UDP TX", *thread)), "1 7 7 7");
     EXPECT_EQ(tables.extras, (std::set<std::string>{"UDP RX", "UDP TX"}));
-}
-
-TEST_F(ByteCountTest, LoopScopeIsClosedWhenTheCallbackThrows)
-{
-    Queue<std::thread::id> called;
-    UdpListener listener("127.0.0.1", 0, [&](const UdpSocket&, ReadOnlyStream&&) {
-        called.Push(std::this_thread::get_id());
-        throw std::runtime_error("callback failed");
-    });
-    Send(listener.GetLocalPort(), {ToBytes("one")});
-    const auto thread = called.Take();
-    ASSERT_TRUE(thread);
-    ASSERT_TRUE(WaitFor([&] { return listener.GetThreadError() != nullptr; }));
-    const ProfilerTables tables = Profiles();
-    EXPECT_TRUE(tables.Stack(*thread).empty());
-    EXPECT_GE(tables.Record(kLoop, "", *thread).count, 1);
-}
-
-// With profiling off, the loops record nothing but their thread names.
-TEST_F(ByteCountTest, ProfilingOffRecordsOnlyLoopThreadNames)
-{
-    ResetProfiler(false);
-    {
-        Queue<Bytes> echoed;
-        UdpListener listener("127.0.0.1", 0, [](const UdpSocket& socket, ReadOnlyStream&& stream) {
-            UdpSocket reply(socket);
-            Put(reply, Buffered(stream));
-            reply.Flush();
-        });
-        UdpSocket client("127.0.0.1", listener.GetLocalPort(), 0);
-        Profiler scope("client");
-        Put(client, ToBytes("echo"));
-        client.Flush();
-        client.Receive([&](const UdpSocket&, ReadOnlyStream&& stream) { echoed.Push(Buffered(stream)); });
-        ASSERT_EQ(echoed.Take(), ToBytes("echo"));
-    }
-    const ProfilerTables tables = Profiles();
-    EXPECT_TRUE(tables.profiles.empty());
-    EXPECT_TRUE(tables.extras.empty());
-    EXPECT_EQ(tables.names.size(), 2u);
-    for (const auto& [thread, name] : tables.names) {
-        EXPECT_EQ(name, "ORVUN_UDP_Lisn");
-    }
 }
 
 } // namespace

@@ -36,7 +36,8 @@ class CloseOnExecTest : public FamilyTest {};
 
 TEST_P(CloseOnExecTest, EachSocketOpensOneCloseOnExecDescriptor)
 {
-    Queue<std::unique_ptr<TcpSocket>> accepted; // kept until the test ends
+    Queue<std::unique_ptr<TcpSocket>> accepted;
+    std::unique_ptr<TcpSocket> kept; // until the test ends
     std::optional<TcpSocket> client;
     std::optional<TcpListener> tcpListener;
     std::optional<UdpSocket> udpSocket;
@@ -68,7 +69,8 @@ TEST_P(CloseOnExecTest, EachSocketOpensOneCloseOnExecDescriptor)
     });
     expectOne("accepted", SOCK_STREAM, false, [&] {
         rawClient = RawTcpConnect(V6(), tcpListener->GetLocalPort());
-        EXPECT_TRUE(WaitFor([&] { return accepted.Pushed() == 1; }));
+        kept = accepted.Take().value_or(nullptr);
+        EXPECT_NE(kept, nullptr);
         return rawClient.Get();
     });
     expectOne("UdpSocket", SOCK_DGRAM, false, [&] { return udpSocket.emplace(Host(), 9, 0), -1; });

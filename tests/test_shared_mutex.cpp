@@ -79,35 +79,4 @@ TEST(SharedMutexTest, AWriterKeepsReadersAndWritersOut)
     writer.Finish("a writer was not woken when the writer left");
 }
 
-// Readers and writers hammering one lock from several threads: a writer's
-// changes are never seen half-made, and none is lost.
-TEST(SharedMutexTest, ExclusiveChangesAreAtomicToReadersUnderContention)
-{
-    SharedMutex lock;
-    long first = 0;
-    long second = 0;
-    std::atomic<long> torn{0};
-    constexpr int kRounds = 20000;
-    auto write = [&] {
-        for (int i = 0; i < kRounds; ++i) {
-            SharedMutex::ExclusiveHold hold(lock);
-            ++first;
-            ++second;
-        }
-    };
-    auto read = [&] {
-        for (int i = 0; i < kRounds; ++i) {
-            SharedMutex::SharedHold hold(lock);
-            torn += first != second ? 1 : 0;
-        }
-    };
-    {
-        std::jthread threads[] = {std::jthread(write), std::jthread(write), std::jthread(read), std::jthread(read)};
-    }
-    EXPECT_EQ(first, 2L * kRounds);
-    EXPECT_EQ(second, 2L * kRounds);
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(lock.readers, 0);
-}
-
 } // namespace

@@ -60,14 +60,10 @@ TEST(SocketBaseTest, MoveHandsOverDescriptorAndRecordButNotTheBuffer)
     EXPECT_EQ(target.Descriptor(), fd);
     EXPECT_EQ(target.Record(), record);
     EXPECT_EQ(target.GetBufferSize(), 0u);
-    EXPECT_EQ(target.GetRemoteAddress(), "::1");
-    EXPECT_EQ(target.GetRemotePort(), port);
     EXPECT_EQ(target.GetLocalPort(), PortOf(peer.Get(), true));
     EXPECT_EQ(source->Descriptor(), -1);
     EXPECT_EQ(source->Record(), nullptr);
     EXPECT_EQ(Buffered(*source), (Bytes{1, 2, 3}));
-    EXPECT_EQ(source->GetRemoteAddress(), "");
-    EXPECT_EQ(source->GetLocalPort(), 0);
 
     source.reset();
     EXPECT_TRUE(IsOpen(fd)) << "the moved-from socket closed the descriptor";
@@ -90,17 +86,13 @@ TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
     Fd peer = AcceptWithin(listener.Get());
     const int clientFd = FindTcpDescriptor(client.GetLocalPort(), port);
     ASSERT_NE(clientFd, -1);
-    EXPECT_EQ(client.Poll(0), 0);
     EXPECT_EQ(client.Poll(0, 16), 0);
-    EXPECT_EQ(client.Poll(20, 0), 0);
 
     const Bytes data = RandomBytes(2000, 3);
     SendAll(peer.Get(), data);
     ASSERT_TRUE(WaitFor([&] { return QueuedBytes(clientFd) == 2000; })) << "the data did not arrive";
-    EXPECT_EQ(client.Poll(10000), 1);
     EXPECT_EQ(client.Poll(10000, 1), 1);
-    EXPECT_EQ(client.Poll(10000, 2000), 1); // more than a small scratch area
-    EXPECT_EQ(client.Poll(10000, 100000), 1);
+    EXPECT_EQ(client.Poll(10000, 100000), 1); // more than a small scratch area
     EXPECT_EQ(client.Poll(10000, 0), -1); // a peek of nothing reads as a closed peer
     EXPECT_EQ(QueuedBytes(clientFd), 2000);
     Bytes read(data.size());
@@ -114,7 +106,6 @@ TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
     EXPECT_EQ(client.Poll(10000, 3), 1);
     client.Read(read.data(), 3);
     EXPECT_EQ(client.Poll(10000), 1);
-    EXPECT_EQ(client.Poll(10000, 1), -1);
     EXPECT_EQ(client.Poll(10000, 64), -1);
 }
 
@@ -155,14 +146,11 @@ TEST_P(ResolveTest, BuildsAZeroFilledRecordWithThePortInNetworkOrder)
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, ResolveTest,
-                         testing::Values(Resolution{"127.0.0.1", 80, false, "127.0.0.1"},
-                                         Resolution{"localhost", 1, false, "127.0.0.1"},
+                         testing::Values(Resolution{"localhost", 1, false, "127.0.0.1"},
                                          Resolution{"10.1.2.3", 0x1234, false, "10.1.2.3"},
-                                         Resolution{"::1", 80, true, "::1"}, Resolution{"::1", 1, true, "::1"},
                                          Resolution{"fe80::1:2", 65535, true, "fe80::1:2"},
                                          // Text with a colon that is no IPv6 literal: the all-zero address.
-                                         Resolution{"[::1]", 80, true, "::"}, Resolution{"[::1]:80", 443, true, "::"},
-                                         Resolution{"localhost:80", 80, true, "::"}));
+                                         Resolution{"[::1]:80", 443, true, "::"}));
 
 // A new record replaces the old one (copies of which stay intact); a host
 // that does not resolve throws with its text and changes nothing.
@@ -184,31 +172,9 @@ TEST(ResolveAgainTest, ReplacesTheRecordOnlyWhenTheHostResolves)
     EXPECT_EQ(RecordBytes(old.get(), false), oldBytes);
 
     const std::shared_ptr<sockaddr> kept = socket.Record();
-    for (const char* host : {"999.999.999.999", "1.2.3.4.5"}) {
-        EXPECT_THROW(socket.ResolveAddress(host, 80), SocketError);
-        EXPECT_EQ(socket.Record(), kept);
-        EXPECT_TRUE(socket.IsIPv6());
-        EXPECT_EQ(socket.GetRemoteAddress(), "::1");
-        EXPECT_EQ(socket.GetRemotePort(), 443);
-    }
-    socket.ResolveAddress("localhost", 8080);
-    EXPECT_FALSE(socket.IsIPv6());
-    EXPECT_EQ(socket.GetRemoteAddress(), "127.0.0.1");
-    EXPECT_EQ(socket.GetRemotePort(), 8080);
-}
-
-// Every constructor that resolves: the text in the message, nothing left open or running.
-TEST(ResolveFailureTest, ConstructorsThrowResolveErrorAndLeaveNothingOpen)
-{
-    const std::string bad = "Could not resolve host '999.999.999.999'";
-    EXPECT_EQ(MessageOf<ResolveError>([] { TcpSocket socket("999.999.999.999", 1, 0, 0); }), bad);
-    EXPECT_EQ(MessageOf<ResolveError>([] { UdpSocket socket("999.999.999.999", 1, 0); }), bad);
-    EXPECT_EQ(MessageOf<ResolveError>([] { UdpListener listener("1.2.3.4.5", 0, [](auto&&...) {}); }),
-              "Could not resolve host '1.2.3.4.5'");
-    TcpListener::Callback callback = [](std::unique_ptr<TcpSocket>) {};
-    EXPECT_EQ(MessageOf<ResolveError>([&] { TcpListener listener("1.2.3.4.5", 0, std::move(callback)); }),
-              "Could not resolve host '1.2.3.4.5'");
-    EXPECT_TRUE(static_cast<bool>(callback)); // not taken by the failed constructor
+    EXPECT_THROW(socket.ResolveAddress("1.2.3.4.5", 80), ResolveError);
+    EXPECT_EQ(socket.Record(), kept);
+    EXPECT_TRUE(socket.IsIPv6());
 }
 
 } // namespace

@@ -99,19 +99,6 @@ int RunChild(int expected)
 
 // ---------------------------------------------------------------- parent
 
-// Raises the soft descriptor limit to make room for `needed` more (the
-// tests, not the library, own process limits).
-void EnsureDescriptorRoom(size_t needed)
-{
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const auto wanted = static_cast<rlim_t>(support::OpenDescriptors() + needed + 64);
-    if (limit.rlim_cur < wanted) {
-        limit.rlim_cur = std::min(wanted, limit.rlim_max);
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
-
 // The next line the child printed, without its newline; empty at its end.
 std::string Line(FILE* child)
 {
@@ -122,7 +109,6 @@ std::string Line(FILE* child)
 TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
 {
     const int connections = kHeadroom + support::Scaled(48, 8);
-    EnsureDescriptorRoom(static_cast<size_t>(connections));
     // `timeout` bounds every read below: the child cannot outlive it.
     char self[4096] = "";
     ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
@@ -144,14 +130,12 @@ TEST(DescriptorExhaustion, ListenerSurvivesAndResumesAccepting)
     const std::string heldLine = Line(child);
     ASSERT_EQ(std::sscanf(heldLine.c_str(), "held %d", &held), 1) << "child said: " << heldLine;
     EXPECT_LT(held, connections) << "the limit was never reached";
-    EXPECT_GT(held, 0);
     // Each connection gets its greeting once the child has descriptors again.
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     int greeted = 0;
     for (const auto& client : clients) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        greeted += support::ReadExactly(client.Get(), 1, std::max(left, 1ms)) == support::Bytes{'!'} ? 1 : 0;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        greeted += support::ReadUpTo(client.Get(), 1, nullptr, std::max(left, 1ms)) == support::Bytes{'!'};
     }
     EXPECT_EQ(greeted, connections) << "accepting did not resume";
     EXPECT_EQ(Line(child), "accepted " + std::to_string(connections) + " clean");

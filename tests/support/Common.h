@@ -46,7 +46,6 @@ public:
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _items.push_back(std::move(item));
-        ++_pushed;
         _condition.notify_all();
     }
     std::optional<T> Take(std::chrono::milliseconds limit = std::chrono::seconds(10))
@@ -59,17 +58,11 @@ public:
         _items.pop_front();
         return item;
     }
-    size_t Pushed()
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _pushed;
-    }
 
 private:
     std::mutex _mutex;
     std::condition_variable _condition;
     std::deque<T> _items;
-    size_t _pushed = 0;
 };
 
 inline Bytes RandomBytes(size_t size, unsigned seed = 12345)

@@ -113,29 +113,19 @@ inline Fd AcceptWithin(int listener, std::chrono::milliseconds limit = std::chro
     return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
-// 0 when a TCP connect to loopback:`port` succeeds, else its errno; `fd` gets the socket.
-inline int TryConnect(bool ipv6, unsigned short port, Fd* fd = nullptr)
-{
-    Fd own = RawSocket(ipv6, SOCK_STREAM);
-    socklen_t length;
-    auto address = Loopback(ipv6, port, length);
-    const int result = ::connect(own.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
-    if (fd != nullptr) {
-        *fd = std::move(own);
-    }
-    return result;
-}
-
 // A connected TCP socket; -1 when the connect failed.
 inline Fd RawTcpConnect(bool ipv6, unsigned short port)
 {
-    Fd fd;
-    return TryConnect(ipv6, port, &fd) == 0 ? std::move(fd) : Fd();
+    Fd fd = RawSocket(ipv6, SOCK_STREAM);
+    socklen_t length;
+    auto address = Loopback(ipv6, port, length);
+    return ::connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) == 0 ? std::move(fd) : Fd();
 }
 
 // Reads until `size` bytes have come, the peer has closed (or the read
 // failed; `closed` says so) or `limit` has passed.
-inline Bytes ReadUpTo(int fd, size_t size, bool* closed, std::chrono::milliseconds limit)
+inline Bytes ReadUpTo(int fd, size_t size = SIZE_MAX, bool* closed = nullptr,
+                      std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
     Bytes bytes;
     bool ended = false;
@@ -153,14 +143,6 @@ inline Bytes ReadUpTo(int fd, size_t size, bool* closed, std::chrono::millisecon
         *closed = ended;
     }
     return bytes;
-}
-inline Bytes ReadExactly(int fd, size_t size, std::chrono::milliseconds limit = std::chrono::seconds(10))
-{
-    return ReadUpTo(fd, size, nullptr, limit);
-}
-inline Bytes ReadUntilClosed(int fd, bool& closed, std::chrono::milliseconds limit = std::chrono::seconds(10))
-{
-    return ReadUpTo(fd, SIZE_MAX, &closed, limit);
 }
 
 // False when a send failed before every byte went.
