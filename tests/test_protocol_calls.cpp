@@ -188,6 +188,38 @@ TEST_P(ProtocolCallsTest, SetNoDelaySwitchesNaglesAlgorithm)
     EXPECT_EQ(NoDelayOf(clientFd), 0);
 }
 
+TEST_P(ProtocolCallsTest, OneThreadReadsWhileAnotherWrites)
+{
+    // The peer echoes; the client writes a large random payload on one thread
+    // and reads the echo with ReadSome on another, both at once (under
+    // ThreadSanitizer too), and gets every byte back in order.
+    const Bytes payload = RandomBytes(4 << 20, 11);
+    std::thread echo([&] {
+        Bytes chunk(65536);
+        ssize_t n = 0;
+        while ((n = recv(peer.Get(), chunk.data(), chunk.size(), 0)) > 0 &&
+               SendAll(peer.Get(), Bytes(chunk.begin(), chunk.begin() + n))) {
+        }
+        shutdown(peer.Get(), SHUT_WR);
+    });
+    std::thread writer([&] {
+        for (size_t offset = 0; offset < payload.size(); offset += 40000) {
+            client->Write(payload.data() + offset, std::min<size_t>(40000, payload.size() - offset));
+            client->Flush();
+        }
+    });
+    Bytes received;
+    Bytes chunk(65536);
+    unsigned long n = 0;
+    while (received.size() < payload.size() && (n = client->ReadSome(chunk.data(), chunk.size())) > 0) {
+        received.insert(received.end(), chunk.begin(), chunk.begin() + static_cast<long>(n));
+    }
+    writer.join();
+    client->Shutdown();
+    echo.join();
+    EXPECT_TRUE(received == payload) << received.size() << " of " << payload.size() << " bytes, or not in order";
+}
+
 INSTANTIATE_TEST_SUITE_P(Loopback, ProtocolCallsTest, testing::ValuesIn(kFamilies), FamilyName);
 
 class ReceiveLoopEndTest : public FamilyTest {};
