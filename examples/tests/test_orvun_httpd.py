@@ -6,6 +6,7 @@ ORVUN_STRESS_SCALE (default 1) scales the ApacheBench load.
 """
 
 import concurrent.futures
+import contextlib
 import hashlib
 import os
 import shutil
@@ -118,6 +119,20 @@ def stalled_download(port):
     if not stalled.recv(1024).startswith(b"HTTP/1.1 200 OK"):
         raise AssertionError("huge.bin not served")
     return stalled
+
+
+def no_thread_sending(pid, deadline):
+    """Waits until no thread of process `pid` is blocked in sendto (44)."""
+    while time.monotonic() < deadline:
+        calls = []
+        for task in os.listdir("/proc/%d/task" % pid):
+            with contextlib.suppress(OSError):
+                with open("/proc/%d/task/%s/syscall" % (pid, task)) as syscall:
+                    calls.append(syscall.read().split()[0])
+        if "44" not in calls:
+            return True
+        time.sleep(0.05)
+    return False
 
 
 class HttpdTestCase(peers.TestCase):
@@ -299,6 +314,9 @@ class LifetimeTests(HttpdTestCase):
         elapsed = time.monotonic() - started
         self.assertGreaterEqual(elapsed, 0.9, "closed before the time-out")
         self.assertLess(elapsed, 10, "not closed long after the time-out")
+        # Reading earlier would let the stalled download make progress again.
+        self.assertTrue(no_thread_sending(server.process.pid, deadline=time.monotonic() + 10),
+                        "the stalled download was not cut")
         self.assertLess(len(peers.receive(stalled)), HUGE // 2, "the stalled download was not cut")
         with Client(server.port) as client:  # new connections are still served
             self.assertEqual(client.send(get("/one.txt")).response()[0], 200)
