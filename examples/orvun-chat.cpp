@@ -8,6 +8,7 @@
 // whose queue passes the backlog limit is shut down, which also frees both of
 // its threads, a blocked ReadSome as well as a blocked Flush.
 #include "ConnectionThreads.h"
+#include "ServerOptions.h"
 #include "net/Socket.h"
 
 #include <arpa/inet.h>
@@ -33,6 +34,9 @@
 
 using examples::Connection;
 using examples::ConnectionThreads;
+using examples::ParseHost;
+using examples::ParsePort;
+using examples::UsageError;
 using orvun::net::TcpListener;
 using orvun::net::TcpSocket;
 
@@ -81,26 +85,10 @@ struct Options {
     bool help = false;
 };
 
-// Bad arguments: exit status 2.
-struct UsageError {
-    std::string message;
-};
-
 void Note(const std::string& text)
 {
     // One insertion per line, so that lines from different threads stay whole.
     std::cerr << ("orvun-chat: " + text + "\n") << std::flush;
-}
-
-unsigned short ParsePort(const char* text)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long port = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || port < 0 || port > 65535) {
-        throw UsageError{std::string("-p wants a port from 0 to 65535, not '") + text + "'"};
-    }
-    return static_cast<unsigned short>(port);
 }
 
 size_t ParseBytes(const char* text)
@@ -121,23 +109,6 @@ size_t ParseBytes(const char* text)
         throw UsageError{std::string("-m wants a byte count from 64K to 1024M, not '") + text + "'"};
     }
     return static_cast<size_t>(number * unit);
-}
-
-// The library takes any text with a colon as IPv6 and turns text it cannot
-// read into the all-zero address; check it here to give a clear message.
-std::string ParseHost(std::string host)
-{
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    if (host.empty()) {
-        throw UsageError{"-b wants a host, not ''"};
-    }
-    in6_addr address{};
-    if (host.find(':') != std::string::npos && inet_pton(AF_INET6, host.c_str(), &address) != 1) {
-        throw UsageError{"'" + host + "' is not an IPv6 address"};
-    }
-    return host;
 }
 
 Options ParseArguments(int argc, char** argv)

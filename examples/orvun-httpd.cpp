@@ -6,6 +6,7 @@
 // folder) and keeps small ones in memory. SIGINT and SIGTERM stop it at once,
 // open connections and all; idle connections are shut down after -t seconds.
 #include "ConnectionThreads.h"
+#include "ServerOptions.h"
 #include "http/Http.h"
 #include "net/Socket.h"
 
@@ -26,6 +27,9 @@
 
 using examples::Connection;
 using examples::ConnectionThreads;
+using examples::ParseHost;
+using examples::ParsePort;
+using examples::UsageError;
 using orvun::net::TcpListener;
 using orvun::net::TcpSocket;
 
@@ -65,21 +69,6 @@ struct Options {
 };
 
 // A failure the user caused (bad arguments): exit status 2.
-struct UsageError {
-    std::string message;
-};
-
-unsigned short ParsePort(const char* text)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long port = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || port < 0 || port > 65535) {
-        throw UsageError{std::string("-p wants a port number from 0 to 65535, not '") + text + "'"};
-    }
-    return static_cast<unsigned short>(port);
-}
-
 std::chrono::milliseconds ParseSeconds(const char* text)
 {
     char* end = nullptr;
@@ -89,23 +78,6 @@ std::chrono::milliseconds ParseSeconds(const char* text)
         throw UsageError{std::string("-t wants a number of seconds above 0 and up to 86400, not '") + text + "'"};
     }
     return std::chrono::milliseconds(static_cast<long>(seconds * 1000.0));
-}
-
-// The library reads any text with a colon as IPv6 and turns text it cannot
-// read into the unspecified address; check it here to give a clear message.
-std::string ParseHost(std::string host)
-{
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    if (host.empty()) {
-        throw UsageError{"-b wants a host, not ''"};
-    }
-    in6_addr address{};
-    if (host.find(':') != std::string::npos && inet_pton(AF_INET6, host.c_str(), &address) != 1) {
-        throw UsageError{"'" + host + "' is not an IPv6 address"};
-    }
-    return host;
 }
 
 Options ParseArguments(int argc, char** argv)

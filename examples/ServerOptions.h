@@ -1,0 +1,46 @@
+// Command-line pieces the example servers share: a port and a host to bind,
+// checked so that bad input gets a clear message (and exit status 2).
+#pragma once
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+namespace examples {
+
+// Bad arguments: the caller prints the message and exits with status 2.
+struct UsageError {
+    std::string message;
+};
+
+inline unsigned short ParsePort(const char* text)
+{
+    char* end = nullptr;
+    errno = 0;
+    const long port = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || port < 0 || port > 65535) {
+        throw UsageError{std::string("-p wants a port number from 0 to 65535, not '") + text + "'"};
+    }
+    return static_cast<unsigned short>(port);
+}
+
+// The library reads any text with a colon as IPv6 and turns text it cannot
+// read into the unspecified address; check it here to give a clear message.
+// "[::1]" is taken as "::1".
+inline std::string ParseHost(std::string host)
+{
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    if (host.empty()) {
+        throw UsageError{"-b wants a host, not ''"};
+    }
+    in6_addr address{};
+    if (host.find(':') != std::string::npos && inet_pton(AF_INET6, host.c_str(), &address) != 1) {
+        throw UsageError{"'" + host + "' is not an IPv6 address"};
+    }
+    return host;
+}
+
+} // namespace examples
