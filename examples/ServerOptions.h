@@ -3,6 +3,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <getopt.h>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -13,6 +14,15 @@ namespace examples {
 struct UsageError {
     std::string message;
 };
+
+// The error for the option getopt_long just refused (`optopt`, or the
+// unknown long option's text).
+inline UsageError UnknownOption(char** argv)
+{
+    return UsageError{"unknown option '" +
+                      (optopt != 0 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) +
+                      "'"};
+}
 
 inline unsigned short ParsePort(const char* text)
 {

@@ -145,9 +145,7 @@ Options ParseArguments(int argc, char** argv)
         case ':':
             throw UsageError{std::string(argv[optind - 1]) + " needs a value"};
         default:
-            throw UsageError{
-                "unknown option '" +
-                (optopt != 0 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) + "'"};
+            throw examples::UnknownOption(argv);
         }
     }
     if (optind < argc) {

@@ -112,9 +112,7 @@ Options ParseArguments(int argc, char** argv)
             if (optopt == 'p' || optopt == 'b' || optopt == 't') {
                 throw UsageError{std::string("-") + static_cast<char>(optopt) + " needs a value"};
             }
-            throw UsageError{
-                "unknown option '" +
-                (optopt != 0 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) + "'"};
+            throw examples::UnknownOption(argv);
         }
     }
     if (argc - optind > 1) {
