@@ -30,14 +30,6 @@ long SyscallOf(pid_t thread)
     return file >> number ? number : -1;
 }
 
-int NoDelayOf(int fd)
-{
-    int value = -1;
-    socklen_t length = sizeof(value);
-    getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &length);
-    return value;
-}
-
 class ProtocolCallsTest : public FamilyTest {
 protected:
     void SetUp() override
@@ -100,12 +92,7 @@ TEST_P(ProtocolCallsTest, ReadSomeReturnsWhatHasArrivedAndZeroAtEndOfStream)
 
 TEST_P(ProtocolCallsTest, ReadSomeRetriesSignalsAndReportsAReset)
 {
-    // A handler without SA_RESTART makes a blocked recv fail with EINTR.
-    struct sigaction quiet {};
-    struct sigaction previous {};
-    quiet.sa_handler = [](int) {};
-    sigemptyset(&quiet.sa_mask);
-    sigaction(SIGUSR1, &quiet, &previous);
+    const QuietSignal quiet; // without SA_RESTART: a blocked recv fails with EINTR
     unsigned char byte = 0;
     pid_t id = 0;
     auto reader = StartBlocked([&] { byte = client->ReadSome(&byte, 1) == 1 ? byte : 0; }, SYS_recvfrom, &id);
@@ -116,7 +103,6 @@ TEST_P(ProtocolCallsTest, ReadSomeRetriesSignalsAndReportsAReset)
     EXPECT_TRUE(SendAll(peer.Get(), {42}));
     ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(byte, 42);
-    sigaction(SIGUSR1, &previous, nullptr);
 
     ResetConnection(peer);
     unsigned char buffer[16];
@@ -181,11 +167,11 @@ TEST_P(ProtocolCallsTest, ShutdownEndsTheFlushWorkerAtItsNextSend)
 
 TEST_P(ProtocolCallsTest, SetNoDelaySwitchesNaglesAlgorithm)
 {
-    EXPECT_EQ(NoDelayOf(clientFd), 0) << "client sockets start with Nagle's algorithm on";
+    EXPECT_EQ(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0) << "client sockets start with Nagle's algorithm on";
     client->SetNoDelay(true);
-    EXPECT_NE(NoDelayOf(clientFd), 0);
+    EXPECT_NE(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
     client->SetNoDelay(false);
-    EXPECT_EQ(NoDelayOf(clientFd), 0);
+    EXPECT_EQ(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
 }
 
 TEST_P(ProtocolCallsTest, OneThreadReadsWhileAnotherWrites)

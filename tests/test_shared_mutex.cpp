@@ -13,11 +13,15 @@ namespace {
 using orvun::cpu::SharedMutex;
 using namespace std::chrono_literals;
 
-// Runs `body` on a thread of its own. A body that never gets the lock could
-// be neither joined nor left behind, so Finish ends the test program then.
-class Bounded {
+// Takes the lock in `Hold`'s mode on a thread of its own and sets `in` once it
+// holds it. A thread that never gets the lock could be neither joined nor
+// left behind, so Finish ends the test program then.
+template <typename Hold> class Taker {
 public:
-    template <typename Body> explicit Bounded(Body body) : _done(std::async(std::launch::async, body)) {}
+    explicit Taker(SharedMutex& lock) : _done(std::async(std::launch::async, [&] {
+        Hold hold(lock);
+        in = true;
+    })) {}
     void Finish(const char* what)
     {
         if (_done.wait_for(10s) != std::future_status::ready) {
@@ -25,32 +29,24 @@ public:
             std::_Exit(1);
         }
     }
+    std::atomic<bool> in{false};
 
 private:
     std::future<void> _done;
 };
-
-void SharedHoldFrom(SharedMutex& lock)
-{
-    Bounded([&] { SharedMutex::SharedHold hold(lock); }).Finish("a reader never got the lock");
-}
+using Reader = Taker<SharedMutex::SharedHold>;
+using Writer = Taker<SharedMutex::ExclusiveHold>;
 
 TEST(SharedMutexTest, ReadersShareAndAWaitingWriterDoesNotHoldThemBack)
 {
     SharedMutex lock;
-    std::atomic<bool> holding{false};
     lock.LockShared();
-    SharedHoldFrom(lock); // a second reader gets in beside the first
-    Bounded writer([&] {
-        SharedMutex::ExclusiveHold hold(lock);
-        holding = true;
-    });
-    // The writer cannot get in while a reader holds the lock...
+    Reader(lock).Finish("a second reader was kept out by the first");
+    Writer writer(lock);
     std::this_thread::sleep_for(50ms);
-    EXPECT_FALSE(holding);
-    // ...and new readers are still let in while it waits.
-    SharedHoldFrom(lock);
-    EXPECT_FALSE(holding);
+    EXPECT_FALSE(writer.in) << "a writer got in beside a reader";
+    Reader(lock).Finish("a waiting writer kept a new reader out");
+    EXPECT_FALSE(writer.in);
     lock.UnlockShared();
     writer.Finish("the writer was not woken by the last reader");
     EXPECT_EQ(lock.readers, 0);
@@ -60,20 +56,12 @@ TEST(SharedMutexTest, ReadersShareAndAWaitingWriterDoesNotHoldThemBack)
 TEST(SharedMutexTest, AWriterKeepsReadersAndWritersOut)
 {
     SharedMutex lock;
-    std::atomic<bool> readerIn{false};
-    std::atomic<bool> secondWriterIn{false};
     lock.Lock();
-    Bounded reader([&] {
-        SharedMutex::SharedHold hold(lock);
-        readerIn = true;
-    });
-    Bounded writer([&] {
-        SharedMutex::ExclusiveHold hold(lock);
-        secondWriterIn = true;
-    });
+    Reader reader(lock);
+    Writer writer(lock);
     std::this_thread::sleep_for(50ms);
-    EXPECT_FALSE(readerIn.load());
-    EXPECT_FALSE(secondWriterIn.load());
+    EXPECT_FALSE(reader.in);
+    EXPECT_FALSE(writer.in);
     lock.Unlock();
     reader.Finish("a reader was not woken when the writer left");
     writer.Finish("a writer was not woken when the writer left");

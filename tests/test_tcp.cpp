@@ -164,10 +164,7 @@ TEST_P(TcpTest, AcceptedConnectionIsTheCallbacksAndOutlivesTheListener)
     EXPECT_EQ(accepted->GetRemoteAddress(), Host());
     EXPECT_EQ(accepted->GetRemotePort(), clientPort);
     const int fd = FindTcpDescriptor(port, clientPort);
-    int nodelay = 0;
-    socklen_t length = sizeof(nodelay);
-    ASSERT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, &length), 0);
-    EXPECT_NE(nodelay, 0);
+    EXPECT_EQ(OptionOf(fd, IPPROTO_TCP, TCP_NODELAY), 1);
     EXPECT_EQ(SendTimeoutMs(fd), 0);
 
     // The idle listener stops promptly and closes its port; the kept connection stays.

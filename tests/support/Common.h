@@ -75,6 +75,14 @@ inline Bytes RandomBytes(size_t size, unsigned seed = 12345)
     return bytes;
 }
 
+// An int socket option of `fd`; -1 when it cannot be read.
+inline int OptionOf(int fd, int level, int name)
+{
+    int value = -1;
+    socklen_t length = sizeof(value);
+    return getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
+}
+
 inline Bytes ToBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
 template <typename Stream> void Put(Stream& stream, const Bytes& bytes) { stream.Write(bytes.data(), bytes.size()); }

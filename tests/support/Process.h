@@ -78,22 +78,35 @@ inline std::vector<pid_t> ThreadsNamed(const std::string& name)
 }
 inline bool HasThreadNamed(const std::string& name) { return !ThreadsNamed(name).empty(); }
 
-// Interrupts the poll of the thread named `thread` with a signal whose
-// handler does nothing, until `ended` holds (at most 50 tries).
+// While it lives, SIGUSR1 runs a handler that does nothing, installed
+// without SA_RESTART: a thread it hits fails its blocking call with EINTR.
+class QuietSignal {
+public:
+    QuietSignal()
+    {
+        struct sigaction quiet {};
+        quiet.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &quiet, &_previous);
+    }
+    ~QuietSignal() { sigaction(SIGUSR1, &_previous, nullptr); }
+    QuietSignal(const QuietSignal&) = delete;
+    QuietSignal& operator=(const QuietSignal&) = delete;
+
+private:
+    struct sigaction _previous {};
+};
+
+// Interrupts the poll of the thread named `thread` with SIGUSR1 until
+// `ended` holds (at most 50 tries).
 inline bool InterruptPoll(const std::string& thread, const std::function<bool()>& ended)
 {
-    struct sigaction quiet {};
-    struct sigaction previous {};
-    quiet.sa_handler = [](int) {};
-    sigemptyset(&quiet.sa_mask);
-    sigaction(SIGUSR1, &quiet, &previous);
+    const QuietSignal quiet;
     std::vector<pid_t> ids;
     WaitFor([&] { return !(ids = ThreadsNamed(thread)).empty(); });
     for (int attempt = 0; !ids.empty() && attempt < 50 && !ended(); ++attempt) {
         syscall(SYS_tgkill, getpid(), ids.front(), SIGUSR1);
         WaitFor(ended, std::chrono::milliseconds(200));
     }
-    sigaction(SIGUSR1, &previous, nullptr);
     return ended();
 }
 
