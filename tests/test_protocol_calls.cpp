@@ -43,7 +43,8 @@ protected:
 
     // Runs `operation` on a thread of its own and returns once that thread is
     // blocked in the system call `syscall`.
-    template <typename Operation> std::future<void> StartBlocked(Operation operation, long syscall, pid_t* tid = nullptr)
+    template <typename Operation>
+    std::future<void> StartBlocked(Operation operation, long syscall, pid_t* tid = nullptr)
     {
         std::promise<pid_t> started;
         auto thread = started.get_future();
@@ -106,8 +107,7 @@ TEST_P(ProtocolCallsTest, ReadSomeRetriesSignalsAndReportsAReset)
 
     ResetConnection(peer);
     unsigned char buffer[16];
-    EXPECT_EQ(MessageOf<ReceiveError>([&] { client->ReadSome(buffer, sizeof(buffer)); }),
-              "TCP Socket Faild to RECV");
+    EXPECT_EQ(MessageOf<ReceiveError>([&] { client->ReadSome(buffer, sizeof(buffer)); }), "TCP Socket Faild to RECV");
 }
 
 // Each call blocks on a fresh connection whose peer never sends nor reads;
@@ -141,8 +141,9 @@ TEST_P(ProtocolCallsTest, ShutdownWakesEveryBlockedCallPromptly)
         client->Shutdown(); // twice: harmless
         results.push_back(result);
     }
-    EXPECT_THAT(results, testing::ElementsAre("1", "0", "TCP Socket RECV: End point disconnected",
-                                              testing::AnyOf("<no exception> 0", "TCP Socket send failed: 32 16777216")));
+    EXPECT_THAT(results,
+                testing::ElementsAre("1", "0", "TCP Socket RECV: End point disconnected",
+                                     testing::AnyOf("<no exception> 0", "TCP Socket send failed: 32 16777216")));
 }
 
 TEST_P(ProtocolCallsTest, ShutdownEndsTheFlushWorkerAtItsNextSend)

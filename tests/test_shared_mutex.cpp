@@ -18,10 +18,13 @@ using namespace std::chrono_literals;
 // left behind, so Finish ends the test program then.
 template <typename Hold> class Taker {
 public:
-    explicit Taker(SharedMutex& lock) : _done(std::async(std::launch::async, [&] {
-        Hold hold(lock);
-        in = true;
-    })) {}
+    explicit Taker(SharedMutex& lock)
+        : _done(std::async(std::launch::async, [&] {
+              Hold hold(lock);
+              in = true;
+          }))
+    {
+    }
     void Finish(const char* what)
     {
         if (_done.wait_for(10s) != std::future_status::ready) {

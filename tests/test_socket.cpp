@@ -93,7 +93,7 @@ TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
     ASSERT_TRUE(WaitFor([&] { return QueuedBytes(clientFd) == 2000; })) << "the data did not arrive";
     EXPECT_EQ(client.Poll(10000, 1), 1);
     EXPECT_EQ(client.Poll(10000, 100000), 1); // more than a small scratch area
-    EXPECT_EQ(client.Poll(10000, 0), -1); // a peek of nothing reads as a closed peer
+    EXPECT_EQ(client.Poll(10000, 0), -1);     // a peek of nothing reads as a closed peer
     EXPECT_EQ(QueuedBytes(clientFd), 2000);
     Bytes read(data.size());
     client.Read(read.data(), read.size());

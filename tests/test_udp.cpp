@@ -4,7 +4,6 @@
 
 #include "net/Socket.h"
 
-
 namespace {
 
 using namespace orvun::net;
@@ -141,9 +140,9 @@ TEST_P(UdpTest, DatagramsReachTheCallbackWithTheirSender)
     SendFrom(one, listener.GetLocalPort(), small);
     SendFrom(two, listener.GetLocalPort(), longer);
     SendFrom(one, listener.GetLocalPort(), exact);
-    for (const auto& [port, bytes] : {std::pair{onePort, small},
-                                      std::pair{twoPort, Bytes(longer.begin(), longer.begin() + 1400)},
-                                      std::pair{onePort, exact}}) {
+    for (const auto& [port, bytes] :
+         {std::pair{onePort, small}, std::pair{twoPort, Bytes(longer.begin(), longer.begin() + 1400)},
+          std::pair{onePort, exact}}) {
         EXPECT_EQ(inbox.Take().value_or(Arrival{}), (Arrival{bytes, Host(), port, &listener}));
     }
 }
@@ -166,8 +165,7 @@ TEST_P(UdpTest, ReadAndASecondReceiveAreRefused)
     Fd sender = Raw(port);
     UdpSocket client(Host(), port, 0);
     unsigned char byte = 0;
-    EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { static_cast<Stream&>(client).Read(&byte, 0); }),
-              "Write-Only Stream");
+    EXPECT_EQ(MessageOf<StreamIsWriteOnly>([&] { static_cast<Stream&>(client).Read(&byte, 0); }), "Write-Only Stream");
     EXPECT_EQ(client.GetIncomingAddress(), ""); // nothing received yet
     EXPECT_EQ(client.GetIncomingPort(), 0);
     UdpListener listener(Host(), 0, first.Callback());
@@ -234,7 +232,7 @@ TEST_P(UdpTest, FailedSendsKeepTheBuffer)
     unsigned short port;
     Fd peer = Raw(port);
     UdpSocket toPeer(Host(), port, 0);
-    UdpSocket toZero(Host(), 0, 0); // the kernel refuses port 0 with EINVAL
+    UdpSocket toZero(Host(), 0, 0);                // the kernel refuses port 0 with EINVAL
     const Bytes oversized = RandomBytes(70000, 2); // above the UDP payload limit of both families
     const std::string emsgsize = "UDP Socket send failed with EMSGSIZE";
     const std::string einval = "UDP Socket send failed with errno 22";

@@ -43,18 +43,15 @@ struct ProfilerTables {
             return {};
         }
         const Profile& record = records->second.at(path);
-        if (extra.empty()) {
-            return record;
-        }
-        return record.extraProfiles.contains(extra) ? record.extraProfiles.at(extra) : Profile{};
+        const auto found = record.extraProfiles.find(extra);
+        return extra.empty() ? record : found == record.extraProfiles.end() ? Profile{} : found->second;
     }
     std::set<std::string> Paths(std::thread::id thread = std::this_thread::get_id()) const
     {
         std::set<std::string> paths;
-        if (profiles.contains(thread)) {
-            for (const auto& entry : profiles.at(thread)) {
-                paths.insert(entry.first);
-            }
+        for (const auto& [path, record] :
+             profiles.contains(thread) ? profiles.at(thread) : decltype(profiles)::mapped_type{}) {
+            paths.insert(path);
         }
         return paths;
     }
