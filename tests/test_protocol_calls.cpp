@@ -32,15 +32,6 @@ long SyscallOf(pid_t thread)
 
 class ProtocolCallsTest : public FamilyTest {
 protected:
-    void SetUp() override
-    {
-        _listener = RawTcpListener(V6(), _port);
-        client = std::make_unique<TcpSocket>(Host(), _port, 0, 2000);
-        peer = AcceptWithin(_listener.Get());
-        clientFd = FindTcpDescriptor(client->GetLocalPort(), _port);
-        ASSERT_NE(clientFd, -1);
-    }
-
     // Runs `operation` on a thread of its own and returns once that thread is
     // blocked in the system call `syscall`.
     template <typename Operation>
@@ -60,35 +51,31 @@ protected:
         return done;
     }
 
-    Fd _listener;
-    unsigned short _port = 0;
-    std::unique_ptr<TcpSocket> client;
-    Fd peer;
-    int clientFd = -1;
+    Connection c{V6(), Host(), 2000};
 };
 
 TEST_P(ProtocolCallsTest, ReadSomeReturnsWhatHasArrivedAndZeroAtEndOfStream)
 {
     unsigned char buffer[100] = {};
-    EXPECT_TRUE(SendAll(peer.Get(), ToBytes("abc")));
-    ASSERT_TRUE(WaitFor([&] { return QueuedBytes(clientFd) == 3; }));
-    EXPECT_EQ(client->ReadSome(buffer, sizeof(buffer)), 3u);
+    EXPECT_TRUE(SendAll(c.peer.Get(), ToBytes("abc")));
+    ASSERT_TRUE(WaitFor([&] { return QueuedBytes(c.clientFd) == 3; }));
+    EXPECT_EQ(c.client->ReadSome(buffer, sizeof(buffer)), 3u);
     EXPECT_EQ(Bytes(buffer, buffer + 3), ToBytes("abc"));
 
     // At most `size` bytes; the rest stays for the next call, or for Read.
-    EXPECT_TRUE(SendAll(peer.Get(), ToBytes("defgh")));
-    ASSERT_TRUE(WaitFor([&] { return QueuedBytes(clientFd) == 5; }));
-    EXPECT_EQ(client->ReadSome(buffer, 0), 0u);
-    EXPECT_EQ(client->ReadSome(buffer, 2), 2u);
+    EXPECT_TRUE(SendAll(c.peer.Get(), ToBytes("defgh")));
+    ASSERT_TRUE(WaitFor([&] { return QueuedBytes(c.clientFd) == 5; }));
+    EXPECT_EQ(c.client->ReadSome(buffer, 0), 0u);
+    EXPECT_EQ(c.client->ReadSome(buffer, 2), 2u);
     EXPECT_EQ(Bytes(buffer, buffer + 2), ToBytes("de"));
-    client->Read(buffer, 3);
+    c.client->Read(buffer, 3);
     EXPECT_EQ(Bytes(buffer, buffer + 3), ToBytes("fgh"));
 
     // End of stream: 0, and it stays.
-    shutdown(peer.Get(), SHUT_WR);
-    EXPECT_EQ(client->ReadSome(buffer, sizeof(buffer)), 0u);
-    EXPECT_EQ(client->ReadSome(buffer, sizeof(buffer)), 0u);
-    EXPECT_EQ(MessageOf<Disconnected>([&] { client->Read(buffer, 1); }), "TCP Socket RECV: End point disconnected");
+    shutdown(c.peer.Get(), SHUT_WR);
+    EXPECT_EQ(c.client->ReadSome(buffer, sizeof(buffer)), 0u);
+    EXPECT_EQ(c.client->ReadSome(buffer, sizeof(buffer)), 0u);
+    EXPECT_EQ(MessageOf<Disconnected>([&] { c.client->Read(buffer, 1); }), "TCP Socket RECV: End point disconnected");
 }
 
 TEST_P(ProtocolCallsTest, ReadSomeRetriesSignalsAndReportsAReset)
@@ -96,18 +83,18 @@ TEST_P(ProtocolCallsTest, ReadSomeRetriesSignalsAndReportsAReset)
     const QuietSignal quiet; // without SA_RESTART: a blocked recv fails with EINTR
     unsigned char byte = 0;
     pid_t id = 0;
-    auto reader = StartBlocked([&] { byte = client->ReadSome(&byte, 1) == 1 ? byte : 0; }, SYS_recvfrom, &id);
+    auto reader = StartBlocked([&] { byte = c.client->ReadSome(&byte, 1) == 1 ? byte : 0; }, SYS_recvfrom, &id);
     for (int i = 0; i < 5; ++i) {
         syscall(SYS_tgkill, getpid(), id, SIGUSR1);
         WaitFor([&] { return SyscallOf(id) == SYS_recvfrom; });
     }
-    EXPECT_TRUE(SendAll(peer.Get(), {42}));
+    EXPECT_TRUE(SendAll(c.peer.Get(), {42}));
     ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(byte, 42);
 
-    ResetConnection(peer);
+    ResetConnection(c.peer);
     unsigned char buffer[16];
-    EXPECT_EQ(MessageOf<ReceiveError>([&] { client->ReadSome(buffer, sizeof(buffer)); }), "TCP Socket Faild to RECV");
+    EXPECT_EQ(MessageOf<ReceiveError>([&] { c.client->ReadSome(buffer, sizeof(buffer)); }), "TCP Socket Faild to RECV");
 }
 
 // Each call blocks on a fresh connection whose peer never sends nor reads;
@@ -118,27 +105,27 @@ TEST_P(ProtocolCallsTest, ShutdownWakesEveryBlockedCallPromptly)
     unsigned char byte = 0;
     std::string result;
     const std::pair<std::function<void()>, long> cases[] = {
-        {[&] { result = std::to_string(client->Poll(-1)); }, SYS_poll},
-        {[&] { result = std::to_string(client->ReadSome(&byte, 1)); }, SYS_recvfrom},
-        {[&] { result = MessageOf<Disconnected>([&] { client->Read(&byte, 1); }); }, SYS_recvfrom},
+        {[&] { result = std::to_string(c.client->Poll(-1)); }, SYS_poll},
+        {[&] { result = std::to_string(c.client->ReadSome(&byte, 1)); }, SYS_recvfrom},
+        {[&] { result = MessageOf<Disconnected>([&] { c.client->Read(&byte, 1); }); }, SYS_recvfrom},
         {[&] {
-             result = MessageOf<SendError>([&] { client->Flush(); });
-             result += " " + std::to_string(client->GetBufferSize());
+             result = MessageOf<SendError>([&] { c.client->Flush(); });
+             result += " " + std::to_string(c.client->GetBufferSize());
          },
          SYS_sendto},
     };
     std::vector<std::string> results;
     for (const auto& [operation, syscall] : cases) {
-        SetUp();
-        Put(*client, RandomBytes(16 << 20, 3)); // only the flush sends it
+        c = Connection(V6(), Host(), 2000);
+        Put(*c.client, RandomBytes(16 << 20, 3)); // only the flush sends it
         auto done = StartBlocked(operation, syscall);
         const auto start = std::chrono::steady_clock::now();
-        client->Shutdown();
+        c.client->Shutdown();
         if (done.wait_for(10s) != std::future_status::ready) {
-            ResetConnection(peer); // frees the thread, so that the test ends
+            ResetConnection(c.peer); // frees the thread, so that the test ends
         }
         EXPECT_LT(std::chrono::steady_clock::now() - start, 1s) << syscall;
-        client->Shutdown(); // twice: harmless
+        c.client->Shutdown(); // twice: harmless
         results.push_back(result);
     }
     EXPECT_THAT(results,
@@ -148,31 +135,31 @@ TEST_P(ProtocolCallsTest, ShutdownWakesEveryBlockedCallPromptly)
 
 TEST_P(ProtocolCallsTest, ShutdownEndsTheFlushWorkerAtItsNextSend)
 {
-    client->SetNonBlockingFlush();
+    c.client->SetNonBlockingFlush();
     ASSERT_TRUE(WaitFor([] { return HasThreadNamed("ORVUN_TCP_FLUSH"); }));
-    client->Shutdown();
+    c.client->Shutdown();
     testing::internal::CaptureStderr();
-    Put(*client, ToBytes("after shutdown"));
-    client->Flush(); // queued; the worker's send fails
+    Put(*c.client, ToBytes("after shutdown"));
+    c.client->Flush(); // queued; the worker's send fails
     const bool ended = WaitFor([] { return !HasThreadNamed("ORVUN_TCP_FLUSH"); });
     const std::string printed = testing::internal::GetCapturedStderr();
     ASSERT_TRUE(ended);
     EXPECT_EQ(printed, "TCP Socket send failed (non-blocking)\n");
-    EXPECT_TRUE(client->IsIdle());
-    client->SetNonBlockingFlush(); // does not revive the worker: flushes are direct from now on
+    EXPECT_TRUE(c.client->IsIdle());
+    c.client->SetNonBlockingFlush(); // does not revive the worker: flushes are direct from now on
     EXPECT_FALSE(HasThreadNamed("ORVUN_TCP_FLUSH"));
-    Put(*client, ToBytes("direct"));
-    EXPECT_EQ(MessageOf<SendError>([&] { client->Flush(); }), "TCP Socket send failed: 32");
-    EXPECT_EQ(client->GetBufferSize(), 6u);
+    Put(*c.client, ToBytes("direct"));
+    EXPECT_EQ(MessageOf<SendError>([&] { c.client->Flush(); }), "TCP Socket send failed: 32");
+    EXPECT_EQ(c.client->GetBufferSize(), 6u);
 }
 
 TEST_P(ProtocolCallsTest, SetNoDelaySwitchesNaglesAlgorithm)
 {
-    EXPECT_EQ(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0) << "client sockets start with Nagle's algorithm on";
-    client->SetNoDelay(true);
-    EXPECT_NE(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
-    client->SetNoDelay(false);
-    EXPECT_EQ(OptionOf(clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
+    EXPECT_EQ(OptionOf(c.clientFd, IPPROTO_TCP, TCP_NODELAY), 0) << "client sockets start with Nagle's algorithm on";
+    c.client->SetNoDelay(true);
+    EXPECT_NE(OptionOf(c.clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
+    c.client->SetNoDelay(false);
+    EXPECT_EQ(OptionOf(c.clientFd, IPPROTO_TCP, TCP_NODELAY), 0);
 }
 
 TEST_P(ProtocolCallsTest, OneThreadReadsWhileAnotherWrites)
@@ -184,25 +171,25 @@ TEST_P(ProtocolCallsTest, OneThreadReadsWhileAnotherWrites)
     std::thread echo([&] {
         Bytes chunk(65536);
         ssize_t n = 0;
-        while ((n = recv(peer.Get(), chunk.data(), chunk.size(), 0)) > 0 &&
-               SendAll(peer.Get(), Bytes(chunk.begin(), chunk.begin() + n))) {
+        while ((n = recv(c.peer.Get(), chunk.data(), chunk.size(), 0)) > 0 &&
+               SendAll(c.peer.Get(), Bytes(chunk.begin(), chunk.begin() + n))) {
         }
-        shutdown(peer.Get(), SHUT_WR);
+        shutdown(c.peer.Get(), SHUT_WR);
     });
     std::thread writer([&] {
         for (size_t offset = 0; offset < payload.size(); offset += 40000) {
-            client->Write(payload.data() + offset, std::min<size_t>(40000, payload.size() - offset));
-            client->Flush();
+            c.client->Write(payload.data() + offset, std::min<size_t>(40000, payload.size() - offset));
+            c.client->Flush();
         }
     });
     Bytes received;
     Bytes chunk(65536);
     unsigned long n = 0;
-    while (received.size() < payload.size() && (n = client->ReadSome(chunk.data(), chunk.size())) > 0) {
+    while (received.size() < payload.size() && (n = c.client->ReadSome(chunk.data(), chunk.size())) > 0) {
         received.insert(received.end(), chunk.begin(), chunk.begin() + static_cast<long>(n));
     }
     writer.join();
-    client->Shutdown();
+    c.client->Shutdown();
     echo.join();
     EXPECT_TRUE(received == payload) << received.size() << " of " << payload.size() << " bytes, or not in order";
 }

@@ -80,12 +80,10 @@ class PollTest : public FamilyTest {};
 
 TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
 {
-    unsigned short port = 0;
-    Fd listener = RawTcpListener(V6(), port);
-    TcpSocket client(Host(), port, 0, 5000);
-    Fd peer = AcceptWithin(listener.Get());
-    const int clientFd = FindTcpDescriptor(client.GetLocalPort(), port);
-    ASSERT_NE(clientFd, -1);
+    Connection c(V6(), Host(), 5000);
+    TcpSocket& client = *c.client;
+    Fd& peer = c.peer;
+    const int clientFd = c.clientFd;
     EXPECT_EQ(client.Poll(0, 16), 0);
 
     const Bytes data = RandomBytes(2000, 3);

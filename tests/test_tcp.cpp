@@ -39,36 +39,12 @@ public:
     std::unique_ptr<TcpSocket> Next() { return Take().value_or(nullptr); }
 };
 
-// Each test may connect client TcpSockets of the parameter's family to a raw listener.
-class TcpTest : public FamilyTest {
-protected:
-    struct Connection {
-        std::unique_ptr<TcpSocket> client;
-        Fd peer;           // the raw accepted end
-        int clientFd = -1; // the client's own descriptor
-    };
-
-    Connection Connect(long timeout = 0)
-    {
-        if (_listener.Get() < 0) {
-            _listener = RawTcpListener(V6(), _port);
-        }
-        Connection c;
-        c.client = std::make_unique<TcpSocket>(Host(), _port, 0, timeout);
-        c.peer = AcceptWithin(_listener.Get());
-        c.clientFd = FindTcpDescriptor(c.client->GetLocalPort(), _port);
-        EXPECT_NE(c.clientFd, -1);
-        return c;
-    }
-
-    Fd _listener;
-    unsigned short _port = 0;
-};
+class TcpTest : public FamilyTest {};
 
 TEST_P(TcpTest, FailedConnectsThrowAndCloseTheirDescriptor)
 {
     // With a time-out, a connection to a live listener succeeds and sends block without limit afterwards.
-    auto c = Connect(1500);
+    Connection c(V6(), Host(), 1500);
     EXPECT_EQ(SendTimeoutMs(c.clientFd), 0);
 
     // Bound but not listening: connections to it are refused, and no one else can take the port.
@@ -97,7 +73,7 @@ TEST_P(TcpTest, FailedConnectsThrowAndCloseTheirDescriptor)
 
 TEST_P(TcpTest, ReadWaitsForTheWholeSizeAndReportsAClosedPeer)
 {
-    auto c = Connect();
+    Connection c(V6(), Host());
     // A receive time-out makes the waiting recv fail with EAGAIN, which Read retries.
     const timeval limit{0, 20000};
     ASSERT_EQ(setsockopt(c.clientFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
@@ -129,7 +105,7 @@ TEST_P(TcpTest, ReadWaitsForTheWholeSizeAndReportsAClosedPeer)
 TEST_P(TcpTest, ResetPeerFailsReadsAndSendsWithoutASignal)
 {
     std::signal(SIGPIPE, SIG_DFL); // whatever the parent process chose
-    auto c = Connect();
+    Connection c(V6(), Host());
     ResetConnection(c.peer);
     ASSERT_EQ(c.client->Poll(5000), 1); // the reset has arrived
     unsigned char byte = 0;
@@ -249,10 +225,7 @@ TEST_P(TcpTest, InterruptedPollEndsTheAcceptLoopWithPollError)
 // batch; flushes made meanwhile are queued and sent in order.
 TEST_P(TcpTest, WorkerSendsFlushesInOrderAndStopsPromptly)
 {
-    const int window = 64 << 10;
-    _listener = RawTcpListener(V6(), _port);
-    ASSERT_EQ(setsockopt(_listener.Get(), SOL_SOCKET, SO_RCVBUF, &window, sizeof(window)), 0);
-    auto c = Connect();
+    Connection c(V6(), Host(), 0, 64 << 10);
     c.client->SetNonBlockingFlush();
     c.client->SetNonBlockingFlush(); // a second start does nothing
     ASSERT_TRUE(WaitFor([] { return HasThreadNamed(kFlushThread); }));

@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 
+#include "net/Socket.h"
 #include "support/Process.h"
 #include "support/RawPeer.h"
 
@@ -92,6 +93,27 @@ template <typename Stream> Bytes Buffered(const Stream& stream)
     const unsigned long size = stream.GetBufferSize();
     return size == 0 ? Bytes{} : Bytes(stream.GetBufferData(), stream.GetBufferData() + size);
 }
+
+// A library client connected to a raw listener, and the raw accepted end.
+// `window` shrinks the listener's receive buffer first.
+struct Connection {
+    Connection(bool ipv6, const char* host, long timeout = 0, int window = 0)
+    {
+        listener = RawTcpListener(ipv6, port);
+        if (window > 0) {
+            setsockopt(listener.Get(), SOL_SOCKET, SO_RCVBUF, &window, sizeof(window));
+        }
+        client = std::make_unique<orvun::net::TcpSocket>(host, port, 0, timeout);
+        peer = AcceptWithin(listener.Get());
+        clientFd = FindTcpDescriptor(client->GetLocalPort(), port);
+        EXPECT_NE(clientFd, -1);
+    }
+    Fd listener;
+    unsigned short port = 0;
+    std::unique_ptr<orvun::net::TcpSocket> client;
+    Fd peer;
+    int clientFd = -1; // the client's own descriptor
+};
 
 // The loopback address of a family: the text given to the library, which is
 // also the text it reports.
