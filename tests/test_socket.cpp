@@ -75,7 +75,8 @@ TEST(SocketBaseTest, MoveHandsOverDescriptorAndRecordButNotTheBuffer)
     EXPECT_FALSE(IsOpen(fd));
 }
 
-// A client TcpSocket is the Socket under test, a raw accepted end plays the peer.
+// A client TcpSocket is the Socket under test, a raw accepted end plays the peer;
+// and the listeners' poll loops.
 class PollTest : public FamilyTest {};
 
 TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
@@ -105,6 +106,24 @@ TEST_P(PollTest, PendingDataIsReportedAndStaysQueuedUntilThePeerCloses)
     client.Read(read.data(), 3);
     EXPECT_EQ(client.Poll(10000), 1);
     EXPECT_EQ(client.Poll(10000, 64), -1);
+}
+
+// A signal that interrupts a listener's poll ends its loop with PollError.
+TEST_P(PollTest, InterruptedPollEndsEitherListenersLoop)
+{
+    TcpListener tcp(Host(), 0, [](std::unique_ptr<TcpSocket>) {});
+    UdpListener udp(Host(), 0, [](auto&&...) {});
+    const struct {
+        std::string thread;
+        std::function<std::exception_ptr()> error;
+        std::string message;
+    } loops[] = {{"ORVUN_TCP_Lisn", [&] { return tcp.GetThreadError(); }, "TCP Socket Listener Poll Error"},
+                 {"ORVUN_UDP_Lisn", [&] { return udp.GetThreadError(); }, "UDP Socket Listener Poll Error"}};
+    for (const auto& loop : loops) {
+        ASSERT_TRUE(InterruptPoll(loop.thread, [&] { return loop.error() != nullptr; })) << loop.thread;
+        EXPECT_EQ(MessageOf<PollError>([&] { std::rethrow_exception(loop.error()); }), loop.message);
+        EXPECT_TRUE(WaitFor([&] { return !HasThreadNamed(loop.thread); }));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, PollTest, testing::ValuesIn(kFamilies), FamilyName);

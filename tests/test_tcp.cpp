@@ -212,15 +212,6 @@ TEST_P(TcpTest, FailingCallbackEndsTheAcceptLoopAndIsKept)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_P(TcpTest, InterruptedPollEndsTheAcceptLoopWithPollError)
-{
-    TcpListener listener(Host(), 0, [](std::unique_ptr<TcpSocket>) {});
-    ASSERT_TRUE(InterruptPoll(kListenerThread, [&] { return listener.GetThreadError() != nullptr; }));
-    EXPECT_EQ(MessageOf<PollError>([&] { std::rethrow_exception(listener.GetThreadError()); }),
-              "TCP Socket Listener Poll Error");
-    EXPECT_TRUE(WaitFor([] { return !HasThreadNamed(kListenerThread); }));
-}
-
 // A small receive window keeps the worker blocked in the send of a large
 // batch; flushes made meanwhile are queued and sent in order.
 TEST_P(TcpTest, WorkerSendsFlushesInOrderAndStopsPromptly)

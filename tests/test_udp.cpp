@@ -147,15 +147,6 @@ TEST_P(UdpTest, DatagramsReachTheCallbackWithTheirSender)
     }
 }
 
-TEST_P(UdpTest, InterruptedPollEndsTheLoopWithPollError)
-{
-    UdpListener listener(Host(), 0, [](auto&&...) {});
-    ASSERT_TRUE(InterruptPoll(kReceiveThread, [&] { return listener.GetThreadError() != nullptr; }));
-    EXPECT_EQ(MessageOf<PollError>([&] { std::rethrow_exception(listener.GetThreadError()); }),
-              "UDP Socket Listener Poll Error");
-    EXPECT_TRUE(WaitFor([] { return !HasThreadNamed(kReceiveThread); }));
-}
-
 // Reading is refused; a second Receive too, while the first loop goes on.
 TEST_P(UdpTest, ReadAndASecondReceiveAreRefused)
 {
