@@ -1,8 +1,8 @@
 // Shared pieces of orvun_bench: raw loopback helpers for the baselines (on
-// the raw peers of tests/support/RawPeer.h), a
-// counter of what a receiver got, and the three timing loops every scenario
-// uses (round trips, streams, datagram blasts). Benchmarks are named
-// "<scenario>/<variant>"; scripts/bench-table.py pairs them by those names.
+// the tests' raw peers, tests/support/RawPeer.h), a counter of what a
+// receiver got, and the three timing loops every scenario uses (round trips,
+// streams, datagram blasts). Benchmarks are named "<scenario>/<variant>";
+// scripts/bench-table.py pairs them by those names.
 #pragma once
 
 #include "cpu/Profiler.h"
@@ -106,6 +106,7 @@ inline void PushTail(int fd)
     SetNoDelay(fd, 0);
 }
 
+// SendAll, or an exception.
 inline void Send(int fd, const void* data, std::size_t size)
 {
     if (!SendAll(fd, data, size)) {
