@@ -1,10 +1,12 @@
-// Shared pieces of orvun_bench: raw loopback helpers for the baselines, a
-// counter of what a receiver got, and the three timing loops every scenario
-// uses (round trips, streams, datagram blasts). Benchmarks are named
-// "<scenario>/<variant>"; scripts/bench-table.py pairs them by those names.
+// Shared pieces of orvun_bench: raw loopback helpers for the baselines (on
+// the tests' raw peers, tests/support/RawPeer.h), a counter of what a
+// receiver got, and the three timing loops every scenario uses (round trips,
+// streams, datagram blasts). Benchmarks are named "<scenario>/<variant>";
+// scripts/bench-table.py pairs them by those names.
 #pragma once
 
 #include "cpu/Profiler.h"
+#include "tests/support/RawPeer.h"
 
 #include <benchmark/benchmark.h>
 
@@ -21,19 +23,16 @@
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace bench {
 
+using namespace rawpeer;
+
 using Clock = std::chrono::steady_clock;
 inline const char* const kHost = "127.0.0.1";
-inline const std::string kTcpTx = "TCP TX"; // the extra every library flush records
-constexpr int kPollMs = 100;                // the library's receive and accept loops poll this long
+inline const std::string kTcpTx = "TCP TX";     // the extra every library flush records
+constexpr std::chrono::milliseconds kPoll{100}; // the library's receive and accept loops poll this long
 constexpr std::size_t kDatagramCapacity = 1400;
 
 inline double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
@@ -70,79 +69,31 @@ template <typename Run, typename... Args> void Register(const std::string& name,
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-inline int Checked(int result, const char* what)
+// `fd`, or an exception when the call that made it failed.
+inline Fd Checked(Fd fd, const char* what)
 {
-    if (result < 0) {
+    if (fd.Get() < 0) {
         Fail(what);
     }
-    return result;
-}
-
-// A descriptor closed with its owner.
-struct Fd {
-    int fd = -1;
-    explicit Fd(int descriptor) : fd(descriptor) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd()
-    {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-    operator int() const { return fd; }
-};
-
-inline sockaddr_in Loopback(unsigned short port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-inline unsigned short LocalPort(int fd)
-{
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    Checked(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
-    return ntohs(address.sin_port);
-}
-
-// A socket of `type` bound to 127.0.0.1 on a free port; TCP sockets listen.
-inline int Bound(int type, unsigned short& port)
-{
-    const int fd = Checked(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket");
-    const int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    const sockaddr_in address = Loopback(0);
-    Checked(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "bind");
-    if (type == SOCK_STREAM) {
-        Checked(::listen(fd, 4096), "listen");
-    }
-    port = LocalPort(fd);
     return fd;
 }
 
-inline int Connect(unsigned short port)
+// A socket of `type` bound to 127.0.0.1 on a free port with SO_REUSEADDR;
+// TCP sockets listen.
+inline Fd Bound(int type, unsigned short& port)
 {
-    const int fd = Checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    const sockaddr_in address = Loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        ::close(fd);
-        Fail("connect");
-    }
-    return fd;
+    return Checked(type == SOCK_STREAM ? RawTcpListener(false, port, 4096, true) : RawUdp(false, port, true), "bind");
 }
+
+inline Fd Connect(unsigned short port) { return Checked(RawTcpConnect(false, port), "connect"); }
 
 inline void SetNoDelay(int fd, int on) { ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)); }
 
 // The accepting side sets TCP_NODELAY, as the library's listener does.
-inline int Accept(int listener)
+inline Fd Accept(int listener)
 {
-    const int fd = Checked(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept");
-    SetNoDelay(fd, 1);
+    Fd fd = Checked(RawAccept(listener), "accept");
+    SetNoDelay(fd.Get(), 1);
     return fd;
 }
 
@@ -155,45 +106,23 @@ inline void PushTail(int fd)
     SetNoDelay(fd, 0);
 }
 
-inline void SendAll(int fd, const unsigned char* data, std::size_t size)
+// SendAll, or an exception.
+inline void Send(int fd, const void* data, std::size_t size)
 {
-    for (std::size_t sent = 0; sent < size;) {
-        const ssize_t n = ::send(fd, data + sent, size - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno != EINTR) {
-            Fail("send");
-        }
-        sent += n > 0 ? static_cast<std::size_t>(n) : 0;
+    if (!SendAll(fd, data, size)) {
+        Fail("send");
     }
 }
 
-// False once the peer has closed.
-inline bool ReceiveAll(int fd, unsigned char* data, std::size_t size)
-{
-    for (std::size_t received = 0; received < size;) {
-        const ssize_t n = ::recv(fd, data + received, size - received, 0);
-        if (n == 0 || (n < 0 && errno != EINTR)) {
-            return false;
-        }
-        received += n > 0 ? static_cast<std::size_t>(n) : 0;
-    }
-    return true;
-}
-
-inline void SendTo(int fd, const void* data, std::size_t size, unsigned short port)
-{
-    const sockaddr_in to = Loopback(port);
-    ::sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
-}
-
-// The receive loop of the library built from plain calls: poll for up to
-// 100 ms, then one recvfrom, until `running` is cleared. `handle(data, size,
-// from, length)` gets each datagram.
-template <typename Handle> void PollLoop(int fd, const std::atomic<bool>& running, Handle&& handle)
+// With `running`, the receive loop of the library built from plain calls:
+// poll for up to 100 ms, then one recvfrom, until `running` is cleared.
+// Without, blocking recvfrom calls until an empty datagram arrives.
+// `handle(data, size, from, length)` gets each datagram.
+template <typename Handle> void ReceiveLoop(int fd, const std::atomic<bool>* running, Handle&& handle)
 {
     unsigned char datagram[kDatagramCapacity];
-    while (running) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, kPollMs) < 1 || !running) {
+    while (running == nullptr || *running) {
+        if (running != nullptr && (!Readable(fd, kPoll) || !*running)) {
             continue;
         }
         sockaddr_in from{};
@@ -201,31 +130,14 @@ template <typename Handle> void PollLoop(int fd, const std::atomic<bool>& runnin
         const ssize_t n = ::recvfrom(fd, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
         if (n > 0) {
             handle(datagram, static_cast<std::size_t>(n), from, length);
-        }
-    }
-}
-
-// Blocking recvfrom calls until an empty datagram arrives.
-template <typename Handle> void BlockingLoop(int fd, Handle&& handle)
-{
-    unsigned char datagram[kDatagramCapacity];
-    for (;;) {
-        sockaddr_in from{};
-        socklen_t length = sizeof(from);
-        const ssize_t n = ::recvfrom(fd, datagram, sizeof(datagram), 0, reinterpret_cast<sockaddr*>(&from), &length);
-        if (n < 1) {
+        } else if (running == nullptr) {
             return;
         }
-        handle(datagram, static_cast<std::size_t>(n), from, length);
     }
 }
 
-// Ends a BlockingLoop on `port`.
-inline void SendEmpty(unsigned short port)
-{
-    const Fd fd(Checked(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket"));
-    SendTo(fd, "", 0, port);
-}
+// Ends a blocking ReceiveLoop on `port`.
+inline void SendEmpty(unsigned short port) { SendDatagram(RawSocket(false, SOCK_DGRAM).Get(), false, port, "", 0); }
 
 // ---------------------------------------------------------------- peers
 
@@ -325,9 +237,9 @@ public:
 
     Sink()
         : _listener(Bound(SOCK_STREAM, port)), _reader([this] {
-              const Fd connection(Accept(_listener));
+              const Fd connection = Accept(_listener.Get());
               std::vector<unsigned char> buffer(std::size_t{1} << 18);
-              for (ssize_t n; (n = ::recv(connection, buffer.data(), buffer.size(), 0)) > 0;) {
+              for (ssize_t n; (n = ::recv(connection.Get(), buffer.data(), buffer.size(), 0)) > 0;) {
                   bytes.Add(n);
               }
           })

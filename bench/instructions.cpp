@@ -6,6 +6,7 @@
 // thread started). Outside valgrind the requests do nothing.
 #include "cpu/Profiler.h"
 #include "net/Socket.h"
+#include "tests/support/RawPeer.h"
 
 #include <valgrind/callgrind.h>
 
@@ -19,13 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 using orvun::cpu::Profiler;
 using namespace orvun::net;
+using namespace rawpeer;
 
 namespace {
 
@@ -46,15 +43,6 @@ public:
     int Descriptor() const { return _socket; }
 };
 
-sockaddr_in Loopback(unsigned short port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 // Scopes open around the measured operation, outermost first.
 std::vector<std::unique_ptr<Profiler>> OpenScopes(int depth)
 {
@@ -72,16 +60,13 @@ std::vector<std::unique_ptr<Profiler>> OpenScopes(int depth)
 // busy, and no scheduling decides what they cost.
 int Flush(const std::string& mode, long count)
 {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int small = 4096;
-    ::setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
-    sockaddr_in address = Loopback(0);
-    socklen_t length = sizeof(address);
-    ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    ::listen(listener, 1);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    std::optional<RawClient> client(std::in_place, kHost, ntohs(address.sin_port), 16, 0);
-    const int peer = ::accept(listener, nullptr, nullptr);
+    unsigned short port = 0;
+    const Fd listener = RawTcpListener(false, port, 1);
+    const int small = 4096; // set before the client connects: the accepted socket inherits it
+    ::setsockopt(listener.Get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    std::optional<RawClient> client(std::in_place, kHost, port, 16, 0);
+    const Fd accepted = AcceptWithin(listener.Get());
+    const int peer = accepted.Get();
     // A reader from the start, except in worker mode; either way the process
     // has a second thread, as every user of the library does, which makes the
     // C library take its multi-threaded paths.
@@ -118,8 +103,6 @@ int Flush(const std::string& mode, long count)
     }
     client.reset();
     drain.join();
-    ::close(peer);
-    ::close(listener);
     return 0;
 }
 
@@ -132,18 +115,17 @@ int Receive(long count)
         arrived.fetch_add(1);
         arrived.notify_one();
     });
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in to = Loopback(listener.GetLocalPort());
+    const Fd fd = RawSocket(false, SOCK_DGRAM);
+    const unsigned short port = listener.GetLocalPort();
     const unsigned char datagram[64] = {7};
     auto one = [&](long seen) {
-        ::sendto(fd, datagram, sizeof(datagram), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+        SendDatagram(fd.Get(), false, port, datagram, sizeof(datagram));
         arrived.wait(seen);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     };
     one(0);
     long seen = 1;
     Count(count, [&] { one(seen++); });
-    ::close(fd);
     return 0;
 }
 

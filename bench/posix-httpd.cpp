@@ -6,6 +6,7 @@
 //
 //   posix-httpd [-p PORT] [-b IPV4] [DIR]     stops on SIGINT or SIGTERM
 #include "http/Http.h"
+#include "tests/support/RawPeer.h"
 
 #include <atomic>
 #include <chrono>
@@ -47,20 +48,9 @@ public:
     void Write(const char* data, size_t size) { _buffer.append(data, size); }
     bool Flush()
     {
-        size_t sent = 0;
-        while (sent < _buffer.size()) {
-            const ssize_t count = ::send(_fd, _buffer.data() + sent, _buffer.size() - sent, MSG_NOSIGNAL);
-            if (count < 0 && errno == EINTR) {
-                continue;
-            }
-            if (count <= 0) {
-                _buffer.clear();
-                return false;
-            }
-            sent += static_cast<size_t>(count);
-        }
+        const bool sent = rawpeer::SendAll(_fd, _buffer.data(), _buffer.size());
         _buffer.clear();
-        return true;
+        return sent;
     }
     void Drain()
     {
@@ -121,15 +111,14 @@ int main(int argc, char** argv)
     static examples::http::Files files(folder);
     std::thread([listener, on] {
         for (;;) {
-            const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
+            rawpeer::Fd fd = rawpeer::RawAccept(listener);
+            if (fd.Get() < 0) {
                 continue;
             }
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-            std::thread([fd] {
-                Peer peer(fd);
+            ::setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+            std::thread([fd = std::move(fd)] {
+                Peer peer(fd.Get());
                 examples::http::Serve(files, peer);
-                ::close(fd);
             }).detach();
         }
     }).detach();

@@ -37,19 +37,18 @@ void TcpRttRaw(benchmark::State& state)
         Fd listener{Bound(SOCK_STREAM, port)};
         Fd client{Connect(port)};
         std::jthread server{[this] {
-            const Fd connection(Accept(listener));
+            const Fd connection = Accept(listener.Get());
             unsigned char message[64];
-            while (ReceiveAll(connection, message, sizeof(message))) {
-                SendAll(connection, message, sizeof(message));
+            while (ReceiveAll(connection.Get(), message, sizeof(message)) &&
+                   SendAll(connection.Get(), message, sizeof(message))) {
             }
         }};
-        ~Peers() { ::shutdown(client, SHUT_RDWR); } // ends the server's loop
+        ~Peers() { ::shutdown(client.Get(), SHUT_RDWR); } // ends the server's loop
     };
     Peers p;
-    const Fd& client = p.client;
-    RoundTrips(state, [&client](const unsigned char* request) {
+    RoundTrips(state, [client = p.client.Get()](const unsigned char* request) {
         unsigned char reply[64];
-        SendAll(client, request, sizeof(reply));
+        Send(client, request, sizeof(reply));
         if (!ReceiveAll(client, reply, sizeof(reply))) {
             Fail("recv");
         }
@@ -101,13 +100,13 @@ void TcpBulkRaw(benchmark::State& state, bool copy)
         [&p, copy] {
             if (copy) {
                 p.staging.assign(p.chunk.begin(), p.chunk.end());
-                SendAll(p.client, p.staging.data(), p.staging.size());
+                Send(p.client.Get(), p.staging.data(), p.staging.size());
                 p.staging.clear();
             } else {
-                SendAll(p.client, p.chunk.data(), p.chunk.size());
+                Send(p.client.Get(), p.chunk.data(), p.chunk.size());
             }
         },
-        [&p] { PushTail(p.client); });
+        [&p] { PushTail(p.client.Get()); });
 }
 
 // A library client of a Sink; `worker`: flushes go through the flush worker.
@@ -162,9 +161,9 @@ void TcpSmallRaw(benchmark::State& state, bool extra)
             if (extra) {
                 Profiler::Extra(kTcpTx, static_cast<double>(kMessage));
             }
-            SendAll(p.client, message, sizeof(message));
+            Send(p.client.Get(), message, sizeof(message));
         },
-        [&p] { PushTail(p.client); });
+        [&p] { PushTail(p.client.Get()); });
 }
 
 // `libraryCalls`: the calls the library makes on top of the bare ones, a
@@ -179,18 +178,17 @@ void TcpAcceptRaw(benchmark::State& state, bool libraryCalls)
         std::atomic<bool> stopping{false};
         std::jthread server{[this] {
             while (!stopping) {
-                pollfd entry{listener, POLLIN, 0};
-                if (polling && ::poll(&entry, 1, kPollMs) < 1) {
+                if (polling && !Readable(listener.Get(), kPoll)) {
                     continue;
                 }
-                ::close(Accept(listener));
+                Accept(listener.Get()); // and closed at once
                 accepted.Add(1);
             }
         }};
         ~Peers()
         {
             stopping = true;
-            ::close(Connect(port)); // wakes a blocking accept
+            Connect(port); // wakes a blocking accept
         }
     };
     Peers p;
@@ -203,7 +201,7 @@ void TcpAcceptRaw(benchmark::State& state, bool libraryCalls)
             int error = 0;
             ::gethostbyname2_r(kHost, AF_INET, &entry, scratch, sizeof(scratch), &result, &error);
         }
-        ::close(Connect(p.port));
+        Connect(p.port); // and closed at once
     });
 }
 

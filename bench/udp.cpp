@@ -28,9 +28,9 @@ struct RawEcho {
         : loop([this, polling] {
               auto echo = [this](const unsigned char* data, std::size_t size, const sockaddr_in& from,
                                  socklen_t length) {
-                  ::sendto(server, data, size, 0, reinterpret_cast<const sockaddr*>(&from), length);
+                  ::sendto(server.Get(), data, size, 0, reinterpret_cast<const sockaddr*>(&from), length);
               };
-              polling ? PollLoop(server, running, echo) : BlockingLoop(server, echo);
+              ReceiveLoop(server.Get(), polling ? &running : nullptr, echo);
           })
     {
     }
@@ -50,13 +50,13 @@ void UdpRttRawPollThread(benchmark::State& state)
         std::atomic<bool> running{true};
         Replies replies;
         std::jthread receiver{[this] {
-            PollLoop(client, running, [this](const unsigned char* data, auto...) { replies.Post(data[0]); });
+            ReceiveLoop(client.Get(), &running, [this](const unsigned char* data, auto...) { replies.Post(data[0]); });
         }};
         ~Peers() { running = false; }
     };
     Peers p;
     RoundTrips(state, [&p](const unsigned char* request) {
-        SendTo(p.client, request, 64, p.echo.port);
+        SendDatagram(p.client.Get(), false, p.echo.port, request, 64);
         return p.replies.Wait();
     });
 }
@@ -71,8 +71,8 @@ void UdpRttRawBlocking(benchmark::State& state)
     Peers p;
     RoundTrips(state, [&p](const unsigned char* request) {
         unsigned char reply[kDatagramCapacity];
-        SendTo(p.client, request, 64, p.echo.port);
-        if (::recv(p.client, reply, sizeof(reply), 0) < 1) {
+        SendDatagram(p.client.Get(), false, p.echo.port, request, 64);
+        if (::recv(p.client.Get(), reply, sizeof(reply), 0) < 1) {
             Fail("recv");
         }
         return reply[0];
@@ -107,12 +107,12 @@ void UdpRttLibrary(benchmark::State& state, bool profiling)
 template <bool polling> struct RawCounter {
     unsigned short port = 0;
     Fd server{Bound(SOCK_DGRAM, port)};
-    Fd client{Checked(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket")};
+    Fd client{Checked(RawSocket(false, SOCK_DGRAM), "socket")};
     std::atomic<bool> running{true};
     Arrivals arrivals;
     std::jthread receiver{[this] {
         auto count = [this](auto...) { arrivals.Add(1); };
-        polling ? PollLoop(server, running, count) : BlockingLoop(server, count);
+        ReceiveLoop(server.Get(), polling ? &running : nullptr, count);
     }};
     ~RawCounter()
     {
@@ -125,7 +125,7 @@ template <bool polling> void UdpRateRaw(benchmark::State& state, std::size_t siz
 {
     RawCounter<polling> p;
     const std::vector<unsigned char> payload(size, 0x33);
-    Blast(state, p.arrivals, [&] { SendTo(p.client, payload.data(), payload.size(), p.port); });
+    Blast(state, p.arrivals, [&] { SendDatagram(p.client.Get(), false, p.port, payload.data(), payload.size()); });
 }
 
 void UdpRateLibrary(benchmark::State& state, std::size_t size, bool profiling)

@@ -1,11 +1,11 @@
-// Raw POSIX loopback peers for the tests, the fuzz targets and the
-// benchmarks: the other end of a library socket, built without the library.
+// Raw POSIX loopback peers for the tests and the benchmarks (the raw
+// baselines): the other end of a library socket, built without the library.
 // No test framework here: failures show in return values (an Fd of -1, false,
-// fewer bytes than asked for).
+// fewer bytes than asked for). The calls on plain buffers make no more system
+// calls than they name and do not allocate, for the benchmarks' timed loops.
 #pragma once
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -14,8 +14,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,26 +55,23 @@ inline sockaddr_storage Loopback(bool ipv6, unsigned short port, socklen_t& leng
 {
     sockaddr_storage storage{};
     if (ipv6) {
-        auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-        a->sin6_family = AF_INET6;
-        a->sin6_port = htons(port);
-        a->sin6_addr = in6addr_loopback;
-        length = sizeof(sockaddr_in6);
+        *reinterpret_cast<sockaddr_in6*>(&storage) = {AF_INET6, htons(port), 0, in6addr_loopback, 0};
     } else {
-        auto* a = reinterpret_cast<sockaddr_in*>(&storage);
-        a->sin_family = AF_INET;
-        a->sin_port = htons(port);
-        a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        length = sizeof(sockaddr_in);
+        *reinterpret_cast<sockaddr_in*>(&storage) = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     }
+    length = ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     return storage;
 }
 
 // A socket of the family, bound to loopback:`port` (0: the system chooses)
-// when `bound` says so; -1 when that bind fails.
-inline Fd RawSocket(bool ipv6, int type, bool bound = false, unsigned short port = 0)
+// when `bound` says so, with SO_REUSEADDR set first when `reuse` does; -1 when
+// that bind fails.
+inline Fd RawSocket(bool ipv6, int type, bool bound = false, unsigned short port = 0, bool reuse = false)
 {
     Fd fd(::socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0));
+    if (const int on = 1; reuse) {
+        ::setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    }
     socklen_t length;
     auto address = Loopback(ipv6, port, length);
     if (bound && ::bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) {
@@ -93,9 +92,9 @@ inline unsigned short PortOf(int fd, bool peer = false)
 }
 
 // A listening TCP socket on loopback, on a port the system chose; -1 on failure.
-inline Fd RawTcpListener(bool ipv6, unsigned short& port, int backlog = 64)
+inline Fd RawTcpListener(bool ipv6, unsigned short& port, int backlog = 64, bool reuse = false)
 {
-    Fd fd = RawSocket(ipv6, SOCK_STREAM, true);
+    Fd fd = RawSocket(ipv6, SOCK_STREAM, true, 0, reuse);
     if (fd.Get() < 0 || ::listen(fd.Get(), backlog) != 0) {
         return Fd();
     }
@@ -103,14 +102,20 @@ inline Fd RawTcpListener(bool ipv6, unsigned short& port, int backlog = 64)
     return fd;
 }
 
+// True when `fd` has something to read (or has failed) within `limit`.
+inline bool Readable(int fd, std::chrono::milliseconds limit)
+{
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, static_cast<int>(limit.count())) == 1;
+}
+
+// One accepted connection, waiting as long as it takes; -1 on failure.
+inline Fd RawAccept(int listener) { return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)); }
+
 // One accepted connection within `limit`; -1 when none came.
 inline Fd AcceptWithin(int listener, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    pollfd entry{listener, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
-        return Fd();
-    }
-    return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    return Readable(listener, limit) ? RawAccept(listener) : Fd();
 }
 
 // A connected TCP socket; -1 when the connect failed.
@@ -131,9 +136,8 @@ inline Bytes ReadUpTo(int fd, size_t size = SIZE_MAX, bool* closed = nullptr,
     bool ended = false;
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!ended && bytes.size() < size && std::chrono::steady_clock::now() < deadline) {
-        pollfd entry{fd, POLLIN, 0};
         unsigned char chunk[65536];
-        if (::poll(&entry, 1, 50) == 1) {
+        if (Readable(fd, std::chrono::milliseconds(50))) {
             const ssize_t n = ::read(fd, chunk, std::min(sizeof(chunk), size - bytes.size()));
             ended = n <= 0;
             bytes.insert(bytes.end(), chunk, chunk + std::max<ssize_t>(n, 0));
@@ -145,17 +149,31 @@ inline Bytes ReadUpTo(int fd, size_t size = SIZE_MAX, bool* closed = nullptr,
     return bytes;
 }
 
-// False when a send failed before every byte went.
-inline bool SendAll(int fd, const Bytes& bytes)
+// Blocking `call`s (send or recv) until `size` bytes went, an interrupted one
+// retried; false once one failed or the peer closed.
+template <typename Byte, typename Call> bool Whole(Call call, int fd, Byte* data, size_t size, int flags)
 {
-    for (size_t sent = 0; sent < bytes.size();) {
-        const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
+    for (size_t done = 0; done < size;) {
+        const ssize_t n = call(fd, data + done, size - done, flags);
+        if (n == 0 || (n < 0 && errno != EINTR)) {
             return false;
         }
-        sent += static_cast<size_t>(n);
+        done += n > 0 ? static_cast<size_t>(n) : 0;
     }
     return true;
+}
+
+// False when a send failed before every byte went.
+inline bool SendAll(int fd, const void* data, size_t size)
+{
+    return Whole(::send, fd, static_cast<const unsigned char*>(data), size, MSG_NOSIGNAL);
+}
+inline bool SendAll(int fd, const Bytes& bytes) { return SendAll(fd, bytes.data(), bytes.size()); }
+
+// False once the peer has closed (or a read failed) before `size` bytes came.
+inline bool ReceiveAll(int fd, void* data, size_t size)
+{
+    return Whole(::recv, fd, static_cast<unsigned char*>(data), size, 0);
 }
 
 // Closes a TCP descriptor with a reset instead of an orderly shutdown.
@@ -169,22 +187,17 @@ inline void ResetConnection(Fd& fd)
 // This process's connected TCP descriptor with these ports; -1 if none.
 inline int FindTcpDescriptor(unsigned short localPort, unsigned short peerPort)
 {
-    DIR* dir = ::opendir("/proc/self/fd");
-    int found = -1;
-    while (dirent* entry = dir == nullptr ? nullptr : ::readdir(dir)) {
-        const int fd = std::atoi(entry->d_name);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const int fd = std::atoi(entry.path().filename().c_str());
         int type = 0;
         socklen_t length = sizeof(type);
-        if (found == -1 && entry->d_name[0] != '.' &&
-            ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
+        if (::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM &&
             PortOf(fd) == localPort && PortOf(fd, true) == peerPort) {
-            found = fd;
+            return fd;
         }
     }
-    if (dir != nullptr) {
-        ::closedir(dir);
-    }
-    return found;
+    return -1;
 }
 
 // Bytes received on `fd` and not read yet; -1 on failure.
@@ -196,27 +209,29 @@ inline int QueuedBytes(int fd)
 }
 
 // A UDP socket bound to loopback on a port the system chose; -1 on failure.
-inline Fd RawUdp(bool ipv6, unsigned short& port)
+inline Fd RawUdp(bool ipv6, unsigned short& port, bool reuse = false)
 {
-    Fd fd = RawSocket(ipv6, SOCK_DGRAM, true);
+    Fd fd = RawSocket(ipv6, SOCK_DGRAM, true, 0, reuse);
     port = PortOf(fd.Get());
     return fd;
 }
 
-inline bool SendDatagram(int fd, bool ipv6, unsigned short port, const Bytes& bytes)
+inline bool SendDatagram(int fd, bool ipv6, unsigned short port, const void* data, size_t size)
 {
     socklen_t length;
     auto address = Loopback(ipv6, port, length);
-    return ::sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address), length) ==
-           static_cast<ssize_t>(bytes.size());
+    return ::sendto(fd, data, size, 0, reinterpret_cast<sockaddr*>(&address), length) == static_cast<ssize_t>(size);
+}
+inline bool SendDatagram(int fd, bool ipv6, unsigned short port, const Bytes& bytes)
+{
+    return SendDatagram(fd, ipv6, port, bytes.data(), bytes.size());
 }
 
 // One datagram within `limit`, with its sender's port; empty on time-out.
 inline Bytes ReceiveDatagram(int fd, unsigned short* fromPort = nullptr,
                              std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    pollfd entry{fd, POLLIN, 0};
-    if (::poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
+    if (!Readable(fd, limit)) {
         return {};
     }
     Bytes bytes(65536);
