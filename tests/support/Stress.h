@@ -1,13 +1,14 @@
-// Scaling and figures of the stress tests.
+// Scaling, data and threads of the stress tests.
 #pragma once
-
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <latch>
+#include <thread>
+#include <vector>
 
 #include "support/Common.h"
 
@@ -32,6 +33,23 @@ inline Bytes Pattern(std::uint64_t stream, std::uint64_t offset, size_t size)
         bytes[i] = static_cast<unsigned char>(x >> 56);
     }
     return bytes;
+}
+
+// Runs `body(0)` .. `body(count - 1)` on threads of their own, released
+// together once all have started, and joins them.
+template <typename Body> void RunThreads(int count, Body&& body)
+{
+    std::latch start(count);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            start.arrive_and_wait();
+            body(i);
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
 }
 
 // One figure of a stress run, for the reliability notes.
