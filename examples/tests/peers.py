@@ -17,8 +17,7 @@ def executable(variable, **clients):
     path = os.environ.get(variable, "")
     if not os.access(path, os.X_OK):
         raise RuntimeError("set %s to the executable under test (got %r)" % (variable, path))
-    missing = [package for tool, package in clients.items() if shutil.which(tool) is None]
-    if missing:
+    if missing := [package for tool, package in clients.items() if shutil.which(tool) is None]:
         raise RuntimeError("clients missing; install them with: bash scripts/install-deps.sh " + " ".join(missing))
     return path
 
@@ -91,8 +90,7 @@ class Program:
             return int(re.search(r"VmRSS:\s+(\d+) kB", status.read()).group(1))
 
     def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
+        self.process.kill()  # nothing when it has ended
         self.finish()
         for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
             with contextlib.suppress(OSError):
