@@ -85,9 +85,8 @@ class CatTests(peers.TestCase):
 
                 cat = self.start("-u", "-l", "-v", "-q", "1", "--stats", host, "0")
                 port = cat.announced_port()
-                second = self.socket_on(host, socket.SOCK_DGRAM)
                 peer.sendto(b"from the first;", (host, port))
-                second.sendto(b"from the second", (host, port))
+                self.socket_on(host, socket.SOCK_DGRAM).sendto(b"from the second", (host, port))
                 cat.wait_for(r"bytes from", count=2)  # both have arrived before there is anything to answer
                 cat.feed(b"hello from orvun-cat")
                 answer, sender = peer.recvfrom(65536)
