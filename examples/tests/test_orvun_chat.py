@@ -80,10 +80,10 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         server.port = server.announced_port()
         return server
 
-    async def join(self, server, specs, joined=None):
-        # A client per (kind, tag, host) of `specs`, once the server has seen `joined` clients in all.
+    async def join(self, server, wanted, joined=None):
+        # A client per (kind, tag, host) of `wanted`, once the server has seen `joined` clients in all.
         clients = []
-        for kind, tag, host in specs:
+        for kind, tag, host in wanted:
             if kind == "asyncio":
                 clients.append(Client(tag, *await asyncio.open_connection(host, server.port)))
             else:
