@@ -170,6 +170,9 @@ TEST_P(TcpTest, PortIsSharedOnlyWithSocketsThatAllowIt)
     ASSERT_NO_THROW(second.emplace(Host(), port, inbox.Callback()));
     Fd client = RawTcpConnect(V6(), port);
     EXPECT_NE(inbox.Next(), nullptr);
+    // A bound socket that allows address reuse does not keep a listener off its port.
+    Fd reusing = RawSocket(V6(), SOCK_STREAM, true, 0, true);
+    EXPECT_NO_THROW(TcpListener(Host(), PortOf(reusing.Get()), inbox.Callback()));
 
     unsigned short held = 0;
     Fd holder = RawTcpListener(V6(), held); // without reuse
