@@ -5,6 +5,7 @@
 // IPv4 or IPv6 as the host text says. Diagnostics go to standard error.
 #include "cpu/Profiler.h"
 #include "net/Socket.h"
+#include "ServerOptions.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -26,6 +27,7 @@
 #include <unistd.h>
 #include <vector>
 
+using examples::UsageError;
 using orvun::cpu::Profiler;
 using orvun::filesystem::ReadOnlyStream;
 using orvun::net::TcpListener;
@@ -84,11 +86,6 @@ struct Options {
     unsigned short port = 0;
 };
 
-// A failure the user caused (bad arguments): exit status 2.
-struct UsageError {
-    std::string message;
-};
-
 // A failure of the session: exit status 1.
 struct SessionError {
     std::string message;
@@ -118,36 +115,6 @@ long ParseSeconds(const char* option, const char* text)
         throw UsageError{std::string(option) + " wants a number of seconds from 0 to 86400, not '" + text + "'"};
     }
     return static_cast<long>(seconds * 1000.0);
-}
-
-unsigned short ParsePort(const char* text)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long port = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || port < 0 || port > 65535) {
-        throw UsageError{std::string("PORT must be a number from 0 to 65535, not '") + text + "'"};
-    }
-    return static_cast<unsigned short>(port);
-}
-
-// The library takes any text with a colon as IPv6 and turns text it cannot
-// read into the unspecified address; check it here to give a clear message.
-std::string ParseHost(std::string host)
-{
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-        host = host.substr(1, host.size() - 2);
-    }
-    if (host.empty()) {
-        throw UsageError{"HOST is empty"};
-    }
-    if (host.find(':') != std::string::npos) {
-        in6_addr address{};
-        if (inet_pton(AF_INET6, host.c_str(), &address) != 1) {
-            throw UsageError{"'" + host + "' is not an IPv6 address"};
-        }
-    }
-    return host;
 }
 
 Options ParseArguments(int argc, char** argv)
@@ -201,8 +168,8 @@ Options ParseArguments(int argc, char** argv)
     if (argc - optind != 2) {
         throw UsageError{argc - optind < 2 ? "HOST and PORT are required" : "too many arguments"};
     }
-    options.host = ParseHost(argv[optind]);
-    options.port = ParsePort(argv[optind + 1]);
+    options.host = examples::ParseHost(argv[optind], "HOST is empty");
+    options.port = examples::ParsePort(argv[optind + 1], "PORT must be a number");
     if (!options.listen && options.port == 0) {
         throw UsageError{"cannot connect to port 0"};
     }
