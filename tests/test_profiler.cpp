@@ -25,19 +25,31 @@ protected:
     void TearDown() override { ResetProfiler(false); }
 };
 
-TEST_F(ProfilerTest, NestedScopesRecordUnderTheirPaths)
+// Scopes record under their nested paths and only the first Stop ends one.
+// An extra reaches every scope open on its thread, and only those; a thread
+// that never opened a scope records nothing, not even the name.
+TEST_F(ProfilerTest, ScopesNestStopOnceAndCollectExtras)
 {
+    std::thread([] { Profiler::Extra("stranger", 1.0); }).join();
+    EXPECT_TRUE(Profiles().profiles.empty() && Profiles().extras.empty());
     {
         Profiler a("A");
-        EXPECT_EQ(MyStack(), Stack{"A"});
         {
             Profiler b("B");
             Profiler untimed("C", false);
             EXPECT_EQ(MyStack(), (Stack{"A", "B", "C"}));
+            Profiler::Extra("UDP TX", 100.0);
         }
         Profiler unnamed("");
-        EXPECT_EQ(MyStack(), (Stack{"A", ""}));
-    }
+        unnamed.Stop();
+        unnamed.Stop();
+        EXPECT_EQ(MyStack(), Stack{"A"});
+        Profiler::Extra("UDP TX", 50.0);
+        Profiler::Extra("TCP TX", -3.0);
+        Profiler::Extra("min", -1.0); // reads as "no sample yet": the next value becomes the min
+        Profiler::Extra("min", 4.0);
+    }                             // the destructor stops `unnamed` once more
+    Profiler::Extra("late", 3.0); // registered, but no scope open now
     for (int ms : {5, 3}) {
         Profiler b("B");
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
@@ -47,6 +59,18 @@ TEST_F(ProfilerTest, NestedScopesRecordUnderTheirPaths)
     EXPECT_EQ(tables.Paths(), (std::set<std::string>{"A", "A/B", "A/B/C", "A/", "B"}));
     EXPECT_EQ(tables.Record("A").count + tables.Record("A/B").count + tables.Record("A/").count, 3);
     EXPECT_EQ(Summary(tables.Record("A/B/C")), "0 0 -1 0");
+    std::string extras;
+    for (const auto& [path, extra] : {std::pair{"A", "UDP TX"},
+                                      {"A/B", "UDP TX"},
+                                      {"A/B/C", "UDP TX"},
+                                      {"A/", "UDP TX"},
+                                      {"A", "TCP TX"},
+                                      {"A", "min"}}) {
+        extras += Summary(tables.Record(path, extra)) + ", ";
+    }
+    EXPECT_EQ(extras, "2 150 50 100, 1 100 100 100, 1 100 100 100, 0 0 -1 0, 1 -3 -3 0, 2 3 4 4, ");
+    EXPECT_TRUE(tables.Record("A", "UDP TX").extraProfiles.empty());
+    EXPECT_EQ(tables.extras, (std::set<std::string>{"TCP TX", "UDP TX", "late", "min"}));
     // Timed runs accumulate; wall-clock samples, so loose bounds only.
     const Profile timed = tables.Record("B");
     EXPECT_EQ(timed.count, 2);
@@ -92,72 +116,6 @@ TEST_F(ProfilerTest, SwitchOnlyAffectsScopesOpenedLater)
     EXPECT_TRUE(tables.profiles.empty() && tables.stacks.empty() && tables.extras.empty());
     EXPECT_EQ(tables.names.size(), 2u);
     EXPECT_EQ(tables.names.at(std::this_thread::get_id()), "second");
-}
-
-TEST_F(ProfilerTest, OnlyTheFirstStopEndsTheScope)
-{
-    Profiler outer("Outer");
-    {
-        Profiler inner("Inner");
-        inner.Stop();
-        inner.Stop();
-        EXPECT_EQ(MyStack(), Stack{"Outer"});
-        Profiler::Extra("bytes", 5.0);
-    } // the destructor stops once more
-    EXPECT_EQ(MyStack(), Stack{"Outer"});
-    EXPECT_EQ(Summary(Profiles().Record("Outer/Inner", "bytes")), "0 0 -1 0");
-    EXPECT_EQ(Profiles().Record("Outer/Inner").count, 1);
-    EXPECT_EQ(Profiles().Record("Outer", "bytes").count, 1);
-    outer.Stop();
-    outer.Stop();
-    EXPECT_EQ(MyStack(), Stack{});
-    EXPECT_EQ(Profiles().Record("Outer").count, 1);
-}
-
-TEST(ProfileAddTest, KeepsCountTotalMinAndMax)
-{
-    const std::pair<std::vector<double>, const char*> cases[] = {
-        {{}, "0 0 -1 0"},
-        {{5.0, 3.0}, "2 8 3 5"},
-        {{100.0, 50.0}, "2 150 50 100"},
-        {{0.0, 2.0}, "2 2 0 2"},
-        {{-2.0, -5.0}, "2 -7 -5 0"},
-        {{-1.0, 4.0}, "2 3 4 4"}, // -1.0 reads as "no sample yet", so the next one becomes the min
-    };
-    for (const auto& [samples, summary] : cases) {
-        Profile record;
-        for (double sample : samples) {
-            record.Add(sample);
-        }
-        EXPECT_EQ(Summary(record), summary) << testing::PrintToString(samples);
-    }
-}
-
-// Extras reach every scope open on the calling thread, and only those; a
-// thread that never opened a scope records nothing, not even the name.
-TEST_F(ProfilerTest, ExtrasReachEveryOpenScope)
-{
-    std::thread([] { Profiler::Extra("stranger", 1.0); }).join();
-    EXPECT_TRUE(Profiles().profiles.empty() && Profiles().extras.empty());
-    {
-        Profiler a("A");
-        {
-            Profiler b("B");
-            Profiler::Extra("UDP TX", 100.0);
-            EXPECT_EQ(Summary(Profiles().Record("A", "UDP TX")), "1 100 100 100");
-            EXPECT_EQ(Summary(Profiles().Record("A/B", "UDP TX")), "1 100 100 100");
-        }
-        Profiler::Extra("UDP TX", 50.0);
-        Profiler::Extra("TCP TX", -3.0);
-    }
-    Profiler::Extra("late", 3.0); // registered, but no scope open now
-    const ProfilerTables tables = Profiles();
-    EXPECT_EQ(Summary(tables.Record("A", "UDP TX")) + ", " + Summary(tables.Record("A/B", "UDP TX")) + ", " +
-                  Summary(tables.Record("A", "TCP TX")),
-              "2 150 50 100, 1 100 100 100, 1 -3 -3 0");
-    EXPECT_TRUE(tables.Record("A", "UDP TX").extraProfiles.empty());
-    EXPECT_EQ(tables.extras, (std::set<std::string>{"TCP TX", "UDP TX", "late"}));
-    EXPECT_EQ(tables.Paths(), (std::set<std::string>{"A", "A/B"}));
 }
 
 TEST_F(ProfilerTest, ReportListsThreadsPathsAndExtrasInSortedOrder)
