@@ -6,8 +6,6 @@
 #include "support/Common.h"
 #include "support/ProfilerTables.h"
 
-#include "net/Socket.h"
-
 namespace {
 
 using namespace orvun::net;

@@ -7,7 +7,6 @@
 #include <set>
 
 #include "support/Common.h"
-#include "net/Socket.h"
 
 namespace {
 

@@ -4,8 +4,6 @@
 // (IsReceiving). Real loopback peers on the other end.
 #include "support/Common.h"
 
-#include "net/Socket.h"
-
 #include <gmock/gmock.h>
 
 #include <csignal>

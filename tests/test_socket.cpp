@@ -2,8 +2,6 @@
 // on real loopback connections, and host resolution into the address record.
 #include "support/Common.h"
 
-#include "net/Socket.h"
-
 #include <cstring>
 #include <fcntl.h>
 

@@ -2,8 +2,6 @@
 // connections with raw POSIX sockets (or the library itself) on the other end.
 #include "support/Common.h"
 
-#include "net/Socket.h"
-
 #include <gmock/gmock.h>
 
 #include <array>

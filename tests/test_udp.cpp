@@ -2,8 +2,6 @@
 // with raw POSIX sockets (or the library itself) on the other end.
 #include "support/Common.h"
 
-#include "net/Socket.h"
-
 namespace {
 
 using namespace orvun::net;

@@ -1,5 +1,6 @@
-// What most tests share: the raw peers, bounded waits, a queue between a
-// library thread and the test, byte helpers and the two loopback families.
+// What most tests share: the library's sockets, the raw peers, bounded waits,
+// a queue between a library thread and the test, byte helpers and the two
+// loopback families.
 // Including it puts the test under the leak guard.
 #pragma once
 
