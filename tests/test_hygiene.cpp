@@ -3,7 +3,7 @@
 // hands it none of our sockets.
 #include <fcntl.h>
 
-#include <optional>
+#include <algorithm>
 #include <set>
 
 #include "support/Common.h"
@@ -13,52 +13,35 @@ namespace {
 using namespace orvun::net;
 using namespace support;
 
-std::set<std::string> Descriptors()
-{
-    const auto entries = Entries("/proc/self/fd");
-    return {entries.begin(), entries.end()};
-}
-
 class CloseOnExecTest : public FamilyTest {};
 
 TEST_P(CloseOnExecTest, EachSocketOpensOneCloseOnExecDescriptor)
 {
-    Queue<std::unique_ptr<TcpSocket>> accepted;
-    std::optional<TcpSocket> client;
-    std::optional<TcpListener> tcpListener;
-    std::optional<UdpSocket> udpSocket;
-    std::optional<UdpListener> udpListener;
     unsigned short serverPort = 0;
     Fd server = RawTcpListener(V6(), serverPort);
-    Fd rawClient;
-    std::set<std::string> known = Descriptors();
-    // Runs `open`, then checks what it opened beside the test's own raw client.
-    const auto expectOne = [&](const char* kind, int type, bool listening, const std::function<void()>& open) {
-        SCOPED_TRACE(kind);
-        open();
-        std::vector<int> opened;
-        for (const std::string& fd : Descriptors()) {
-            if (!known.contains(fd) && std::stoi(fd) != rawClient.Get()) {
-                opened.push_back(std::stoi(fd));
-            }
+    const std::vector<std::string> before = Entries("/proc/self/fd");
+    Queue<std::unique_ptr<TcpSocket>> accepted;
+    TcpSocket client(Host(), serverPort, 0, 2000);
+    TcpListener tcpListener(Host(), 0, [&](std::unique_ptr<TcpSocket> s) { accepted.Push(std::move(s)); });
+    Fd rawClient = RawTcpConnect(V6(), tcpListener.GetLocalPort());
+    const auto kept = accepted.Take();
+    ASSERT_TRUE(kept);
+    UdpSocket udpSocket(Host(), 9, 0);
+    UdpListener udpListener(Host(), 0, [](auto&&...) {});
+    // Type and listening state of each descriptor opened since, but the test's own raw client.
+    std::multiset<std::pair<int, bool>> opened;
+    for (const std::string& entry : Entries("/proc/self/fd")) {
+        const int fd = std::stoi(entry);
+        if (fd != rawClient.Get() && std::find(before.begin(), before.end(), entry) == before.end()) {
+            EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd;
+            opened.emplace(OptionOf(fd, SOL_SOCKET, SO_TYPE), OptionOf(fd, SOL_SOCKET, SO_ACCEPTCONN) == 1);
         }
-        known = Descriptors();
-        ASSERT_EQ(opened.size(), 1u) << "the library should have opened exactly one descriptor";
-        EXPECT_EQ(OptionOf(opened.front(), SOL_SOCKET, SO_TYPE), type);
-        EXPECT_EQ(OptionOf(opened.front(), SOL_SOCKET, SO_ACCEPTCONN) != 0, listening);
-        EXPECT_NE(fcntl(opened.front(), F_GETFD) & FD_CLOEXEC, 0);
-    };
-    expectOne("client", SOCK_STREAM, false, [&] { client.emplace(Host(), serverPort, 0, 2000); });
-    expectOne("TcpListener", SOCK_STREAM, true, [&] {
-        tcpListener.emplace(Host(), 0, [&](std::unique_ptr<TcpSocket> s) { accepted.Push(std::move(s)); });
-    });
-    std::optional<std::unique_ptr<TcpSocket>> kept; // until the test ends
-    expectOne("accepted", SOCK_STREAM, false, [&] {
-        rawClient = RawTcpConnect(V6(), tcpListener->GetLocalPort());
-        EXPECT_TRUE(kept = accepted.Take());
-    });
-    expectOne("UdpSocket", SOCK_DGRAM, false, [&] { udpSocket.emplace(Host(), 9, 0); });
-    expectOne("UdpListener", SOCK_DGRAM, false, [&] { udpListener.emplace(Host(), 0, [](auto&&...) {}); });
+    }
+    EXPECT_EQ(
+        opened,
+        (std::multiset<std::pair<int, bool>>{
+            {SOCK_STREAM, false}, {SOCK_STREAM, true}, {SOCK_STREAM, false}, {SOCK_DGRAM, false}, {SOCK_DGRAM, false}}))
+        << "client, TCP listener, accepted connection, UDP socket, UDP listener";
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, CloseOnExecTest, testing::ValuesIn(kFamilies), FamilyName);
