@@ -12,10 +12,10 @@ using namespace std::chrono_literals;
 using support::Bytes;
 
 // A thousand connections from four client threads at once, each carrying
-// four round trips of random sizes in two halves, against one listener that hands every
-// socket to a thread of its own, which echoes whatever arrives (an exception
-// there ends the program); every second server socket, and every third
-// client, sends through its flush worker. Every byte comes back.
+// four round trips of random sizes in two halves, against one listener that
+// hands every socket to a thread of its own, which echoes whatever arrives
+// (an exception there ends the program); every second server socket, and
+// every third client, sends through its flush worker. Every byte comes back.
 TEST(TcpStress, ConcurrentClientsAgainstWorkerThreads)
 {
     constexpr int kClients = 4;
