@@ -4,7 +4,7 @@
 #     ORVUN_CHAT=build/dev/examples/orvun-chat python3 -m unittest -v test_orvun_chat
 # ORVUN_STRESS_SCALE (default 1) scales the line counts.
 
-import asyncio, collections, subprocess, unittest
+import asyncio, collections, re, subprocess, unittest
 
 import peers
 from peers import HOSTS, LIMIT
@@ -31,6 +31,11 @@ def by_sender(received):
     for text in received.split(b"\n")[:-1]:
         groups[text.split(b" ", 1)[0]].append(text + b"\n")
     return dict(groups)
+
+
+def rss_kib(process):
+    with open("/proc/%d/status" % process.pid) as status:
+        return int(re.search(r"VmRSS:\s+(\d+) kB", status.read()).group(1))
 
 
 def bounded(*awaitables):
@@ -174,7 +179,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         self.addCleanup(stalled.close)
         fast = await self.join(server, [("asyncio", b"F1", "127.0.0.1"), ("asyncio", b"F2", "::1"),
                                         ("socat", b"F3", "127.0.0.1"), ("nc", b"F4", "::1")], joined=5)
-        baseline = peak = server.rss_kib()
+        baseline = peak = rss_kib(server.process)
         sent = {c.tag: [line(c.tag, seq, width=900) for seq in range(count)] for c in fast}
         passed = collections.Counter()  # lines each fast client has sent
 
@@ -187,7 +192,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
                     await asyncio.sleep(0.001)
                 await client.send(b"".join(sent[client.tag][start : start + 64]))
                 passed[client.tag] = min(start + 64, count)
-                peak = max(peak, server.rss_kib())
+                peak = max(peak, rss_kib(server.process))
 
         await bounded(*(flood(c) for c in fast), *(c.receive_lines(3 * count) for c in fast))
         if not peers.SANITIZED:
