@@ -22,20 +22,20 @@ def executable(variable, **clients):
     return path
 
 
-class Program:
-    # One process under test. Its stdout and stderr go to files, read with pread: the process writes at the
-    # offset it shares with them.
+class Program(contextlib.AbstractContextManager):
+    # One process under test, killed on leaving the context if still running. Its stdout and stderr go to
+    # files, read with pread: the process writes at the offset it shares with them.
     def __init__(self, *command):
         self.files = [tempfile.TemporaryFile() for _ in range(2)]
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.files[0], stderr=self.files[1])
 
-    def output(self, stream=1):
+    def output(self, stream):
         # All that the program has written so far on stdout (0) or stderr (1).
         fd = self.files[stream].fileno()
         return os.pread(fd, os.fstat(fd).st_size, 0)
 
     def stderr(self):
-        return self.output().decode(errors="replace")
+        return self.output(1).decode(errors="replace")
 
     def wait_for(self, pattern, count=1):
         # The `count`-th match of `pattern` in stderr.
@@ -67,7 +67,7 @@ class Program:
             raise AssertionError("exit status %d:\n%s" % (self.process.returncode, self.stderr()))
         return self.stderr()
 
-    def kill(self):
+    def __exit__(self, *_):
         self.process.kill()  # nothing when it has ended
         with self.process, self.files[0], self.files[1]:  # waits, then closes stdin and the files
             pass
@@ -78,9 +78,7 @@ class TestCase(unittest.TestCase):
 
     def start(self, *args):
         # The program with `args`, killed at the end of the test if still running.
-        program = Program(self.program, *args)
-        self.addCleanup(program.kill)
-        return program
+        return self.enterContext(Program(self.program, *args))
 
     def check_exits(self, helps, usage_errors, failures):
         # Runs the program with no input once per (arguments, text): each of `helps` prints its text on
@@ -98,8 +96,7 @@ class TestCase(unittest.TestCase):
 
     def socket_on(self, host, kind=socket.SOCK_STREAM, listen=True):
         # A socket bound to a free port of `host`, closed after the test.
-        sock = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, kind)
-        self.addCleanup(sock.close)
+        sock = self.enterContext(socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, kind))
         sock.settimeout(LIMIT)
         sock.bind((host, 0))
         if listen and kind == socket.SOCK_STREAM:

@@ -170,8 +170,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         # the server's resident memory grows by far less than what was sent to the fifth.
         count = max(1000, int(10000 * peers.SCALE))
         server = self.serve()  # the default limit: 1 MiB
-        stalled = peers.connect("::1", server.port, receive_buffer=4096)
-        self.addCleanup(stalled.close)
+        stalled = self.enterContext(peers.connect("::1", server.port, receive_buffer=4096))
         fast = await self.join(server, [("asyncio", b"F1", "127.0.0.1"), ("asyncio", b"F2", "::1"),
                                         ("socat", b"F3", "127.0.0.1"), ("nc", b"F4", "::1")], joined=5)
         baseline = peak = rss_kib(server.process)
@@ -207,14 +206,12 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         # SIGTERM stops the server within a second, with a send to the third blocked.
         count = 6000  # 1 KiB lines: more than the kernel buffers between them
         server = self.serve("-m", "64M")
-        stalled = [peers.connect(host, server.port, receive_buffer=4096) for host in HOSTS + HOSTS[:1]]
-        for client in stalled:
-            self.addCleanup(client.close)
+        flooder, resetter, sleeper = (self.enterContext(peers.connect(host, server.port, receive_buffer=4096))
+                                      for host in HOSTS + HOSTS[:1])
         talker, witness = await self.join(server, [("asyncio", b"T", "::1"), ("socat", b"W", "127.0.0.1")], 5)
         sent = {b"T": [line(b"T", seq, width=1000) for seq in range(count)]}
         await bounded(talker.send(b"".join(sent[b"T"])), witness.receive_lines(count))
         self.assertNotIn(" left: ", server.stderr())
-        flooder, resetter, sleeper = stalled
         flooder.sendall(b"F " + b"z" * MAX_LINE)
         await asyncio.to_thread(server.wait_for, r"port %d left: sent a line over" % flooder.getsockname()[1])
         resetter_port = resetter.getsockname()[1]
