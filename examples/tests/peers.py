@@ -2,7 +2,7 @@
 # output kept in files, stopping by signal, the command line, and raw loopback sockets for the faults
 # that real clients cannot make. Every wait is bounded.
 
-import contextlib, os, re, shutil, signal, socket, struct, subprocess, tempfile, threading, time, unittest
+import contextlib, os, pathlib, re, shutil, signal, socket, struct, subprocess, tempfile, threading, time, unittest
 
 LIMIT = 30.0  # seconds: the bound of every wait
 HOSTS = ("127.0.0.1", "::1")
@@ -24,18 +24,13 @@ def executable(variable, **clients):
 
 class Program(contextlib.AbstractContextManager):
     # One process under test, killed on leaving the context if still running. Its stdout and stderr go to
-    # files, read with pread: the process writes at the offset it shares with them.
+    # files, read afresh by name each time.
     def __init__(self, *command):
-        self.files = [tempfile.TemporaryFile() for _ in range(2)]
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.files[0], stderr=self.files[1])
-
-    def output(self, stream):
-        # All that the program has written so far on stdout (0) or stderr (1).
-        fd = self.files[stream].fileno()
-        return os.pread(fd, os.fstat(fd).st_size, 0)
+        self.out, self.err = (tempfile.NamedTemporaryFile(prefix="orvun-") for _ in range(2))
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.out, stderr=self.err)
 
     def stderr(self):
-        return self.output(1).decode(errors="replace")
+        return pathlib.Path(self.err.name).read_text(errors="replace")
 
     def wait_for(self, pattern, count=1):
         # The `count`-th match of `pattern` in stderr.
@@ -57,7 +52,7 @@ class Program(contextlib.AbstractContextManager):
 
     def finish(self):
         # Waits for the exit: (status, stdout bytes, stderr text).
-        return self.process.wait(timeout=LIMIT), self.output(0), self.stderr()
+        return self.process.wait(timeout=LIMIT), pathlib.Path(self.out.name).read_bytes(), self.stderr()
 
     def stop(self, sig=signal.SIGTERM, status=0, within=1.0):
         # Sends `sig`; fails unless the exit status `status` comes within `within` seconds and no sanitizer
@@ -69,7 +64,7 @@ class Program(contextlib.AbstractContextManager):
 
     def __exit__(self, *_):
         self.process.kill()  # nothing when it has ended
-        with self.process, self.files[0], self.files[1]:  # waits, then closes stdin and the files
+        with self.process, self.out, self.err:  # waits, then closes stdin and the files
             pass
 
 
