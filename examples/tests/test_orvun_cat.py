@@ -1,7 +1,7 @@
 # End-to-end tests of orvun-cat against peers written with Python's socket module. CTest sets ORVUN_CAT to
 # the built tool; by hand: ORVUN_CAT=build/dev/examples/orvun-cat python3 -m unittest -v test_orvun_cat
 
-import os, signal, socket, threading, unittest
+import os, signal, socket, unittest
 
 import peers
 from peers import HOSTS, LIMIT
@@ -24,11 +24,9 @@ class CatTests(peers.TestCase):
                     cat = self.start(host, str(server.getsockname()[1]))
                     connection = server.accept()[0]
                 cat.feed(from_cat)
-                # Sends on a thread while receiving: neither side may block the other.
-                sender = threading.Thread(target=connection.sendall, args=(to_cat,))
-                sender.start()
+                # All of it before reading: the tool has to take it in even while its own sending waits.
+                connection.sendall(to_cat)
                 received = connection.makefile("rb").read(len(from_cat))
-                sender.join(LIMIT)
                 connection.close()
                 status, out, err = cat.finish()
                 self.assertEqual((status, out, received), (0, to_cat, from_cat), err)
