@@ -66,8 +66,7 @@ class Client:
         # Reads until the server closes (a process's stdin is closed first: nc waits for it).
         if self.process is not None:
             self.writer.close()
-        while chunk := await self.reader.read(65536):
-            self.received += chunk
+        self.received += await self.reader.read()
 
     async def abort(self):
         self.writer.close()
@@ -145,17 +144,15 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         await asyncio.sleep(0.2)
         peers.reset(resetter)
         # An end of stream in the middle of a line: socat sends its input and closes its sending side.
-        socat = await asyncio.create_subprocess_exec("socat", "-", "TCP6:[::1]:%d" % server.port,
-                                                     stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                                     stderr=subprocess.DEVNULL)
-        await bounded(socat.communicate(b"R2 whole\n\nR2 cut-by-socat"))
+        socat, = await self.join(server, [("socat", b"R2", "::1")], 5)
+        await socat.send(b"R2 whole\n\nR2 cut-by-socat")
+        await bounded(socat.receive_rest())
         # The longest line and then one a byte longer, each in two pieces.
-        flooder = peers.connect("127.0.0.1", server.port)
-        for part in (longest[:1000], longest[1000:] + b"R3 " + b"z" * 2997, b"z" * (MAX_LINE - 3000) + b"\n"):
-            flooder.sendall(part)
-            await asyncio.sleep(0.1)
-        peers.receive(flooder)  # ends: the server closes on the long line
-        flooder.close()
+        with peers.connect("127.0.0.1", server.port) as flooder:
+            for part in (longest[:1000], longest[1000:] + b"R3 " + b"z" * 2997, b"z" * (MAX_LINE - 3000) + b"\n"):
+                flooder.sendall(part)
+                await asyncio.sleep(0.1)
+            peers.receive(flooder)  # ends: the server closes on the long line
         await asyncio.to_thread(server.wait_for, r" left: ", 3)
         self.assertIn(" left: sent a line over 4096 bytes", server.stderr())
         for listener in listeners:
@@ -195,9 +192,8 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         await asyncio.to_thread(server.wait_for, r"port %d left: backlog over the limit" % stalled.getsockname()[1])
         await self.check_transcripts(server, fast, sent)
         # What reached the stalled client before the drop is in order, without gaps.
-        prefix = peers.receive(stalled)
-        self.assertIn(b"\n", prefix)
-        got = by_sender(prefix)
+        got = by_sender(peers.receive(stalled))
+        self.assertTrue(got, "no whole line reached the stalled client")
         self.assertLines(got, {tag: sent[tag][: len(lines)] for tag, lines in got.items()}, "the stalled client")
 
     async def test_threads_blocked_sending_to_stalled_clients_are_freed(self):
