@@ -2,7 +2,8 @@
 # output kept in files, stopping by signal, the command line, and raw loopback sockets for the faults
 # that real clients cannot make. Every wait is bounded.
 
-import contextlib, os, pathlib, re, shutil, signal, socket, struct, subprocess, tempfile, threading, time, unittest
+import contextlib, functools, os, pathlib, re, shutil, signal, socket, struct, subprocess, tempfile, threading
+import time, unittest
 
 LIMIT = 30.0  # seconds: the bound of every wait
 HOSTS = ("127.0.0.1", "::1")
@@ -43,7 +44,9 @@ class Program(contextlib.AbstractContextManager):
                 raise AssertionError("stderr has no %r (%d times):\n%s" % (pattern, count, text))
             time.sleep(0.02)
 
-    def announced_port(self):
+    @functools.cached_property
+    def port(self):
+        # The port the program says it listens on, once it has said so.
         return int(self.wait_for(r"listening on .* port (\d+)").group(1))
 
     def feed(self, data):

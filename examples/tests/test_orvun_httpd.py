@@ -75,7 +75,6 @@ def syscalls(pid):
 def serve(timeout, enter_context):
     # An orvun-httpd serving the tree on a free port with idle time-out `timeout`, in `enter_context`.
     server = enter_context(peers.Program(HttpdTests.program, "-p", "0", "-t", timeout, www))
-    server.port = server.announced_port()
     server.url = lambda path: "http://127.0.0.1:%d%s" % (server.port, path)
     return server
 
@@ -225,6 +224,3 @@ class HttpdTests(peers.TestCase):
             ((".", "."), "too many arguments"), (("/nonexistent/folder",), "cannot serve '/nonexistent/folder'")],
             [(("-p", held, "."), "cannot listen on 127.0.0.1 port")])
 
-
-if __name__ == "__main__":
-    unittest.main()
