@@ -4,7 +4,7 @@
 #     ORVUN_CHAT=build/dev/examples/orvun-chat python3 -m unittest -v test_orvun_chat
 # ORVUN_STRESS_SCALE (default 1) scales the line counts.
 
-import asyncio, collections, re, subprocess, unittest
+import asyncio, itertools, re, subprocess, unittest
 
 import peers
 from peers import HOSTS, LIMIT
@@ -25,12 +25,17 @@ def line(tag, seq, width=40):
     return b"%s %06d %s\n" % (tag, seq, b"x" * (width + seq * 7 % 61))
 
 
+def owed(sent, tag):
+    # The bytes a client tagged `tag` is to receive of `sent` (tag -> lines): all but its own.
+    return sum(len(text) for other, lines in sent.items() if other != tag for text in lines)
+
+
 def by_sender(received):
     # Whole lines of a transcript grouped by the sender's tag; a cut last line is left out.
-    groups = collections.defaultdict(list)
+    groups = {}
     for text in received.split(b"\n")[:-1]:
-        groups[text.split(b" ", 1)[0]].append(text + b"\n")
-    return dict(groups)
+        groups.setdefault(text.split(b" ", 1)[0], []).append(text + b"\n")
+    return groups
 
 
 def rss_kib(process):
@@ -46,21 +51,15 @@ class Client:
     # A chat client behind a pair of asyncio streams: those of a socat or nc process (its stdin and stdout)
     # or of an asyncio connection.
     def __init__(self, tag, reader, writer, process=None):
-        self.tag, self.reader, self.writer, self.process = tag, reader, writer, process
-        self.received, self.lines = bytearray(), 0  # `lines`: whole lines in `received`
+        self.tag, self.reader, self.writer, self.process, self.received = tag, reader, writer, process, b""
 
     async def send(self, data):
         self.writer.write(data)
         await self.writer.drain()
 
-    async def receive_lines(self, count):
-        # Reads until `count` lines have arrived in all.
-        while self.lines < count:
-            chunk = await self.reader.read(65536)
-            if not chunk:
-                raise AssertionError("%s: end of stream after %d of %d lines" % (self.tag, self.lines, count))
-            self.received += chunk
-            self.lines += chunk.count(b"\n")
+    async def receive(self, size):
+        # Reads until `size` bytes have come in all.
+        self.received += await self.reader.readexactly(size - len(self.received))
 
     async def receive_rest(self):
         # Reads until the server closes (a process's stdin is closed first: nc waits for it).
@@ -78,11 +77,6 @@ class Client:
 class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
     async def asyncSetUp(self):
         asyncio.get_running_loop().set_debug(False)  # its checks slow the loop down far more than the server
-
-    def serve(self, *options):
-        server = self.start("-v", "-p", "0", *options)
-        server.port = server.announced_port()
-        return server
 
     async def join(self, server, wanted, joined=None):
         # A client per (kind, tag, host) of `wanted`, once the server has seen `joined` clients in all.
@@ -107,26 +101,24 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         server.stop()
         await bounded(*(c.receive_rest() for c in clients))
         for client in clients:
-            expected = {tag: lines for tag, lines in sent.items() if tag != client.tag}
-            self.assertLines(by_sender(bytes(client.received)), expected, client.tag)
+            self.assertLines(by_sender(client.received), {t: l for t, l in sent.items() if t != client.tag}, client.tag)
 
     def assertLines(self, got, expected, who):
         # `got` == `expected` (tag -> lines), with a short message: a diff of thousands of lines takes minutes.
         for tag in sorted(set(got) | set(expected)):
             mine, sent = got.get(tag, []), expected.get(tag, [])
-            at = next((i for i, (a, b) in enumerate(zip(mine, sent)) if a != b), None)
-            if at is not None or len(mine) != len(sent):
-                self.fail("%s got %d lines from %s, %d sent; line %s differs" % (who, len(mine), tag, len(sent), at))
+            at = next((i for i, (a, b) in enumerate(itertools.zip_longest(mine, sent)) if a != b), None)
+            self.assertIsNone(at, "%s got %d/%d lines from %s; line %s differs" % (who, len(mine), len(sent), tag, at))
 
     async def test_thirty_mixed_clients_get_every_other_line_once_in_order(self):
         count = max(10, int(200 * peers.SCALE))
-        server = self.serve()
+        server = self.start("-v", "-p", "0")
         kinds = ("socat", "nc", "asyncio")  # each five times over IPv4 and five over IPv6
         clients = await self.join(server, [(kinds[i % 3], b"%s-%02d" % (kinds[i % 3].encode(), i),
                                             HOSTS[i // 3 % 2]) for i in range(30)])
         sent = {c.tag: [line(c.tag, seq) for seq in range(count)] for c in clients}
         await bounded(*(c.send(b"".join(sent[c.tag])) for c in clients),
-                      *(c.receive_lines(29 * count) for c in clients))
+                      *(c.receive(owed(sent, c.tag)) for c in clients))
         await self.check_transcripts(server, clients, sent)
 
     async def test_only_whole_lines_up_to_4096_bytes_pass_byte_for_byte(self):
@@ -134,7 +126,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         # they were split, and the listeners go on chatting afterwards.
         longest = b"R3 " + b"y" * (MAX_LINE - 4) + b"\n"
         sent = {b"R1": [b"R1 odd \x00\x01\r\xff\t \r\n"], b"R2": [b"R2 whole\n"], b"": [b"\n"], b"R3": [longest]}
-        server = self.serve()
+        server = self.start("-v", "-p", "0")
         listeners = await self.join(server, [(kind, b"L" + kind.encode(), host) for kind, host in (
             ("asyncio", "::1"), ("socat", "127.0.0.1"), ("nc", "::1"))])
         # A reset in the middle of a line, once the server has read it.
@@ -158,7 +150,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         for listener in listeners:
             sent[listener.tag] = [b"%s after\n" % listener.tag]
             await listener.send(sent[listener.tag][0])
-        await bounded(*(l.receive_lines(4 + 2) for l in listeners))
+        await bounded(*(l.receive(owed(sent, l.tag)) for l in listeners))
         await self.check_transcripts(server, listeners, sent)
 
     async def test_a_client_that_never_reads_is_dropped_and_memory_stays_bounded(self):
@@ -166,26 +158,26 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         # get everything; the fifth is dropped once its backlog passes the limit, having had a clean prefix;
         # the server's resident memory grows by far less than what was sent to the fifth.
         count = max(1000, int(10000 * peers.SCALE))
-        server = self.serve()  # the default limit: 1 MiB
+        server = self.start("-v", "-p", "0")  # the default limit: 1 MiB
         stalled = self.enterContext(peers.connect("::1", server.port, receive_buffer=4096))
         fast = await self.join(server, [("asyncio", b"F1", "127.0.0.1"), ("asyncio", b"F2", "::1"),
                                         ("socat", b"F3", "127.0.0.1"), ("nc", b"F4", "::1")], joined=5)
         baseline = peak = rss_kib(server.process)
         sent = {c.tag: [line(c.tag, seq, width=900) for seq in range(count)] for c in fast}
-        passed = collections.Counter()  # lines each fast client has sent
 
         async def flood(client):
-            # 64 lines at a time, as fast as the other three take them: never more than 256 lines in
-            # flight to any of them, well below the backlog limit.
+            # 64 lines at a time, each after all that the other three sent up to two batches before: no more
+            # than three batches from each (576 lines in all) are in flight to any of them, below the limit.
             nonlocal peak
+            due = [0, 0]  # what the client is owed once each batch is through, from two before the first
             for start in range(0, count, 64):
-                while any(o.lines + 256 < sum(passed.values()) - passed[o.tag] for o in fast if o is not client):
-                    await asyncio.sleep(0.001)
+                await client.receive(due[-2])
                 await client.send(b"".join(sent[client.tag][start : start + 64]))
-                passed[client.tag] = min(start + 64, count)
+                due.append(due[-1] + owed({tag: lines[start : start + 64] for tag, lines in sent.items()}, client.tag))
                 peak = max(peak, rss_kib(server.process))
+            await client.receive(due[-1])
 
-        await bounded(*(flood(c) for c in fast), *(c.receive_lines(3 * count) for c in fast))
+        await bounded(*(flood(c) for c in fast))
         if not peers.SANITIZED:
             # Keeping all that the stalled client did not take would cost about 36 MiB at full scale.
             self.assertLess(peak - baseline, 12 * 1024, "RSS grew from %d to %d KiB" % (baseline, peak))
@@ -201,12 +193,12 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         # and one resets: each is dropped, the blocked send does not keep it, and the others chat on. Then
         # SIGTERM stops the server within a second, with a send to the third blocked.
         count = 6000  # 1 KiB lines: more than the kernel buffers between them
-        server = self.serve("-m", "64M")
+        server = self.start("-v", "-p", "0", "-m", "64M")
         flooder, resetter, sleeper = (self.enterContext(peers.connect(host, server.port, receive_buffer=4096))
                                       for host in HOSTS + HOSTS[:1])
         talker, witness = await self.join(server, [("asyncio", b"T", "::1"), ("socat", b"W", "127.0.0.1")], 5)
         sent = {b"T": [line(b"T", seq, width=1000) for seq in range(count)]}
-        await bounded(talker.send(b"".join(sent[b"T"])), witness.receive_lines(count))
+        await bounded(talker.send(b"".join(sent[b"T"])), witness.receive(owed(sent, b"W")))
         self.assertNotIn(" left: ", server.stderr())
         flooder.sendall(b"F " + b"z" * MAX_LINE)
         await asyncio.to_thread(server.wait_for, r"port %d left: sent a line over" % flooder.getsockname()[1])
@@ -218,7 +210,7 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         for client in (talker, witness):
             sent.setdefault(client.tag, []).append(b"%s after\n" % client.tag)
             await client.send(sent[client.tag][-1])
-        await bounded(witness.receive_lines(count + 1), talker.receive_lines(1))
+        await bounded(witness.receive(owed(sent, b"W")), talker.receive(owed(sent, b"T")))
         await self.check_transcripts(server, [talker, witness], sent)
         peers.receive(sleeper)  # ends: the stop closed it too
 
@@ -232,6 +224,3 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
             (("--colour",), "unknown option '--colour'"), (("extra",), "unexpected argument 'extra'")],
             [(("-b", host, "-p", "0"), host) for host in ("999.999.999.999", "1.2.3.4.5")])
 
-
-if __name__ == "__main__":
-    unittest.main()
