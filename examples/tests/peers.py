@@ -6,6 +6,7 @@ import contextlib, functools, os, pathlib, re, shutil, signal, socket, struct, s
 import time, unittest
 
 LIMIT = 30.0  # seconds: the bound of every wait
+socket.setdefaulttimeout(LIMIT)  # for every socket made here, the accepted ones too
 HOSTS = ("127.0.0.1", "::1")
 # Sanitizers keep freed memory aside and slow everything down: the loads shrink
 # by ORVUN_STRESS_SCALE and resident memory is not measured.
@@ -95,7 +96,6 @@ class TestCase(unittest.TestCase):
     def socket_on(self, host, kind=socket.SOCK_STREAM, listen=True):
         # A socket bound to a free port of `host`, closed after the test.
         sock = self.enterContext(socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, kind))
-        sock.settimeout(LIMIT)
         sock.bind((host, 0))
         if listen and kind == socket.SOCK_STREAM:
             sock.listen()
@@ -107,7 +107,6 @@ def connect(host, port, receive_buffer=None):
     sock = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET)
     if receive_buffer:
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-    sock.settimeout(LIMIT)
     sock.connect((host, port))
     return sock
 
