@@ -15,8 +15,7 @@ JOINED = r" joined \("
 
 def setUpModule():
     ChatTests.program = peers.executable("ORVUN_CHAT", socat="socat", nc="netcat-openbsd")
-    usage = subprocess.run(["nc", "-h"], capture_output=True, timeout=LIMIT)
-    if b"OpenBSD netcat" not in usage.stdout + usage.stderr:
+    if b"OpenBSD netcat" not in subprocess.run(["nc", "-h"], capture_output=True, timeout=LIMIT).stderr:
         raise RuntimeError("nc is not OpenBSD netcat: install netcat-openbsd")
 
 
