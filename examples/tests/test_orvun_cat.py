@@ -41,8 +41,7 @@ class CatTests(peers.TestCase):
         port = str(server.getsockname()[1])
         cat = self.start("-q", "0.3", "--stats", "127.0.0.1", port)
         cat.feed(b"request")
-        connection = server.accept()[0]
-        self.addCleanup(connection.close)
+        connection = self.enterContext(server.accept()[0])
         self.assertEqual(connection.makefile("rb").read(7), b"request")
         connection.sendall(b"answer")
         status, out, err = cat.finish()  # the peer never closes
