@@ -32,7 +32,7 @@ def owed(sent, tag):
 def by_sender(received):
     # Whole lines of a transcript grouped by the sender's tag; a cut last line is left out.
     groups = {}
-    for text in received.split(b"\n")[:-1]:
+    for text in bytes(received).split(b"\n")[:-1]:
         groups.setdefault(text.split(b" ", 1)[0], []).append(text + b"\n")
     return groups
 
@@ -50,7 +50,7 @@ class Client:
     # A chat client behind a pair of asyncio streams: those of a socat or nc process (its stdin and stdout)
     # or of an asyncio connection.
     def __init__(self, tag, reader, writer, process=None):
-        self.tag, self.reader, self.writer, self.process, self.received = tag, reader, writer, process, b""
+        self.tag, self.reader, self.writer, self.process, self.received = tag, reader, writer, process, bytearray()
 
     async def send(self, data):
         self.writer.write(data)
@@ -156,12 +156,12 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
         sent = {c.tag: [line(c.tag, seq, width=900) for seq in range(count)] for c in fast}
 
         async def flood(client):
-            # 64 lines at a time, each after all that the other three sent up to two batches before: no more
-            # than three batches from each (576 lines in all) are in flight to any of them, below the limit.
+            # 64 lines at a time, each once all that the other three sent up to the batch before is in: no
+            # more than two batches from each (384 lines in all) are in flight to any of them, below the limit.
             nonlocal peak
-            due = [0, 0]  # what the client is owed once each batch is through, from two before the first
+            due = [0]  # what the client is owed once each batch is through
             for start in range(0, count, 64):
-                await client.receive(due[-2])
+                await client.receive(due[-1])
                 await client.send(b"".join(sent[client.tag][start : start + 64]))
                 due.append(due[-1] + owed({tag: lines[start : start + 64] for tag, lines in sent.items()}, client.tag))
                 peak = max(peak, rss_kib(server.process))
