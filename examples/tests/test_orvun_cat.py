@@ -29,9 +29,11 @@ class CatTests(peers.TestCase):
                     cat = self.start(host, str(server.getsockname()[1]))
                     connection = server.accept()[0]
                 cat.feed(from_cat)
-                # All of it before reading: the tool has to take it in even while its own sending waits.
-                connection.sendall(to_cat)
+                # Half before reading: the tool has to take it in even while its own sending waits. The rest
+                # right before the close: none of it may be lost to the end of stream that follows it.
+                connection.sendall(to_cat[:75_000])
                 received = connection.makefile("rb").read(len(from_cat))
+                connection.sendall(to_cat[75_000:])
                 connection.close()
                 status, out, err = cat.finish()
                 self.assertEqual((status, out, received, "connection from" in err), (0, to_cat, from_cat, listen), err)
