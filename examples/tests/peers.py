@@ -1,10 +1,12 @@
 # What the end-to-end tests of orvun-cat, orvun-chat and orvun-httpd share: the program under test with its
-# output collected as it comes, stopping by signal, the command line, and raw loopback sockets for the faults
+# output kept in files, stopping by signal, the command line, and raw loopback sockets for the faults
 # that real clients cannot make. Every wait is bounded.
 
-import contextlib, os, re, shutil, signal, socket, struct, subprocess, threading, time, unittest
+import contextlib, functools, os, pathlib, re, shutil, signal, socket, struct, subprocess, tempfile, threading
+import time, unittest
 
 LIMIT = 30.0  # seconds: the bound of every wait
+socket.setdefaulttimeout(LIMIT)  # for every socket made here, the accepted ones too
 HOSTS = ("127.0.0.1", "::1")
 # Sanitizers keep freed memory aside and slow everything down: the loads shrink
 # by ORVUN_STRESS_SCALE and resident memory is not measured.
@@ -22,79 +24,52 @@ def executable(variable, **clients):
     return path
 
 
-class Program:
-    # One process under test; threads collect its stdout and its stderr lines.
+class Program(contextlib.AbstractContextManager):
+    # One process under test, killed on leaving the context if still running. Its stdout and stderr go to
+    # files, read afresh by name each time.
     def __init__(self, *command):
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.out, self.lines, self._changed = bytearray(), [], threading.Condition()
-        self._readers = [threading.Thread(target=read, daemon=True) for read in (self._read_out, self._read_err)]
-        for reader in self._readers:
-            reader.start()
-
-    def _read_out(self):
-        while chunk := self.process.stdout.read1(65536):
-            self.out += chunk
-
-    def _read_err(self):
-        for line in self.process.stderr:
-            with self._changed:
-                self.lines.append(line.decode(errors="replace"))
-                self._changed.notify_all()
+        self.out, self.err = (tempfile.NamedTemporaryFile(prefix="orvun-") for _ in range(2))
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.out, stderr=self.err)
 
     def stderr(self):
-        with self._changed:
-            return "".join(self.lines)
+        return pathlib.Path(self.err.name).read_text(errors="replace")
 
     def wait_for(self, pattern, count=1):
-        # The match of the `count`-th stderr line that matches `pattern`.
+        # The `count`-th match of `pattern` in stderr.
         deadline = time.monotonic() + LIMIT
-        with self._changed:
-            while len(found := [match for match in map(re.compile(pattern).search, self.lines) if match]) < count:
-                if time.monotonic() > deadline or not self._readers[1].is_alive():
-                    raise AssertionError("stderr has no %r (%d times):\n%s" % (pattern, count, "".join(self.lines)))
-                self._changed.wait(0.1)
-            return found[count - 1]
+        while True:
+            ended = self.process.poll() is not None  # before reading: its last words are then in the text
+            if len(found := list(re.finditer(pattern, text := self.stderr()))) >= count:
+                return found[count - 1]
+            if ended or time.monotonic() > deadline:
+                raise AssertionError("stderr has no %r (%d times):\n%s" % (pattern, count, text))
+            time.sleep(0.02)
 
-    def announced_port(self):
+    @functools.cached_property
+    def port(self):
+        # The port the program says it listens on, once it has said so.
         return int(self.wait_for(r"listening on .* port (\d+)").group(1))
 
     def feed(self, data):
-        # Writes `data` to stdin from a thread (so that stdout keeps flowing), then closes it.
-        def write():
-            with contextlib.suppress(BrokenPipeError):
-                self.process.stdin.write(data)
-                self.process.stdin.close()
-
-        threading.Thread(target=write, daemon=True).start()
+        # Writes `data` to stdin and closes it, from a thread: the program may take it slowly.
+        threading.Thread(target=self.process.communicate, args=(data,), daemon=True).start()
 
     def finish(self):
         # Waits for the exit: (status, stdout bytes, stderr text).
-        status = self.process.wait(timeout=LIMIT)
-        for reader in self._readers:
-            reader.join(timeout=LIMIT)
-        return status, bytes(self.out), self.stderr()
+        return self.process.wait(timeout=LIMIT), pathlib.Path(self.out.name).read_bytes(), self.stderr()
 
     def stop(self, sig=signal.SIGTERM, status=0, within=1.0):
-        # Sends `sig`; fails unless the exit status `status` came within `within` seconds and no sanitizer
+        # Sends `sig`; fails unless the exit status `status` comes within `within` seconds and no sanitizer
         # spoke. Returns the stderr text.
-        started = time.monotonic()
         self.process.send_signal(sig)
-        got, _, err = self.finish()
-        elapsed = time.monotonic() - started
-        if got != status or elapsed >= within or "Sanitizer" in err:
-            raise AssertionError("exit status %d after %.2f s:\n%s" % (got, elapsed, err))
-        return err
+        if self.process.wait(timeout=within) != status or "Sanitizer" in self.stderr():
+            raise AssertionError("exit status %d:\n%s" % (self.process.returncode, self.stderr()))
+        return self.stderr()
 
-    def rss_kib(self):
-        with open("/proc/%d/status" % self.process.pid) as status:
-            return int(re.search(r"VmRSS:\s+(\d+) kB", status.read()).group(1))
-
-    def kill(self):
+    def __exit__(self, *_):
         self.process.kill()  # nothing when it has ended
-        self.finish()
-        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
-            with contextlib.suppress(OSError):
-                stream.close()
+        with self.process, self.out, self.err:  # waits, then closes stdin and the files
+            pass
 
 
 class TestCase(unittest.TestCase):
@@ -102,9 +77,7 @@ class TestCase(unittest.TestCase):
 
     def start(self, *args):
         # The program with `args`, killed at the end of the test if still running.
-        program = Program(self.program, *args)
-        self.addCleanup(program.kill)
-        return program
+        return self.enterContext(Program(self.program, *args))
 
     def check_exits(self, helps, usage_errors, failures):
         # Runs the program with no input once per (arguments, text): each of `helps` prints its text on
@@ -122,25 +95,18 @@ class TestCase(unittest.TestCase):
 
     def socket_on(self, host, kind=socket.SOCK_STREAM, listen=True):
         # A socket bound to a free port of `host`, closed after the test.
-        sock = socket.socket(family(host), kind)
-        self.addCleanup(sock.close)
-        sock.settimeout(LIMIT)
+        sock = self.enterContext(socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, kind))
         sock.bind((host, 0))
         if listen and kind == socket.SOCK_STREAM:
             sock.listen()
         return sock
 
 
-def family(host):
-    return socket.AF_INET6 if ":" in host else socket.AF_INET
-
-
 def connect(host, port, receive_buffer=None):
     # A raw TCP connection; a small `receive_buffer` (set before connect) keeps the window small.
-    sock = socket.socket(family(host), socket.SOCK_STREAM)
+    sock = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET)
     if receive_buffer:
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-    sock.settimeout(LIMIT)
     sock.connect((host, port))
     return sock
 
@@ -151,13 +117,10 @@ def reset(sock):
     sock.close()
 
 
-def receive(sock, size=None):
-    # `size` bytes, or everything until the peer closes or resets.
+def receive(sock):
+    # Everything until the peer closes or resets.
     data = bytearray()
     with contextlib.suppress(ConnectionResetError):
-        while size is None or len(data) < size:
-            part = sock.recv(65536 if size is None else min(65536, size - len(data)))
-            if not part:
-                break
+        while part := sock.recv(65536):
             data += part
     return bytes(data)

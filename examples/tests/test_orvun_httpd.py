@@ -2,73 +2,64 @@
 # built server; by hand: ORVUN_HTTPD=build/dev/examples/orvun-httpd python3 -m unittest -v test_orvun_httpd
 # ORVUN_STRESS_SCALE (default 1) scales the ApacheBench load.
 
-import concurrent.futures, contextlib, os, shutil, subprocess, tempfile, time, unittest
+import concurrent.futures, contextlib, os, pathlib, subprocess, tempfile, time, unittest
 
 import peers
 from peers import LIMIT
 
 SECRET = b"SECRET-outside-the-served-folder\n"
 HUGE = 512 * 1024 * 1024
-www, files = "", {}  # the served folder and its files, set by setUpModule
 
 
 def setUpModule():
-    global www, files
+    global www, files  # the served folder and its files
     HttpdTests.program = peers.executable("ORVUN_HTTPD", curl="curl", ab="apache2-utils")
     # root/www is served; root/secret.txt and root/elsewhere lie outside, and links lead there.
-    root = tempfile.mkdtemp(prefix="orvun-httpd-")
-    unittest.addModuleCleanup(shutil.rmtree, root)
-    files = {"secret.txt": SECRET, "elsewhere/secret.txt": SECRET, "www/index.html": b"<h1>home</h1>\n",
-             "www/sub/index.html": b"<h1>sub</h1>\n", "www/one.txt": bytes(i % 95 + 32 for i in range(1024)),
-             "www/style.css": b"h1 { color: red }\n", "www/big.bin": os.urandom(3 * 1024 * 1024 + 17),
-             "www/changing.txt": b"A" * len(SECRET), "www/huge.bin": b""}
-    for name, content in files.items():
-        os.makedirs(os.path.dirname(os.path.join(root, name)), exist_ok=True)
-        with open(os.path.join(root, name), "wb") as out:
-            out.write(content)
+    root = unittest.enterModuleContext(tempfile.TemporaryDirectory(prefix="orvun-httpd-"))
     www = os.path.join(root, "www")
+    files = {"index.html": b"<h1>home</h1>\n", "sub/index.html": b"<h1>sub</h1>\n", "style.css": b"h1 { color: red }\n",
+             "one.txt": bytes(i % 95 + 32 for i in range(1024)), "big.bin": os.urandom(3 * 1024 * 1024 + 17),
+             "changing.txt": b"A" * len(SECRET), "huge.bin": b""}
+    for name, content in {"../secret.txt": SECRET, "../elsewhere/secret.txt": SECRET, **files}.items():
+        os.makedirs(os.path.dirname(os.path.join(www, name)), exist_ok=True)
+        pathlib.Path(www, name).write_bytes(content)
     os.truncate(os.path.join(www, "huge.bin"), HUGE)  # sparse: a download that outlasts any socket buffer
     os.makedirs(os.path.join(www, "empty"))
     for target, name in (("../secret.txt", "out-file"), (os.path.join(root, "secret.txt"), "out-absolute"),
                          ("../elsewhere", "out-folder"), ("one.txt", "in-link")):
         os.symlink(target, os.path.join(www, name))
-    files = {name[4:]: content for name, content in files.items() if name.startswith("www/")}
 
 
 def curl(*args):
-    # (stdout bytes, stderr text) of curl with `args`.
-    done = subprocess.run(["curl", "-s", "--max-time", str(LIMIT), *args], capture_output=True, timeout=LIMIT + 5)
-    return done.stdout, done.stderr.decode(errors="replace")
+    return subprocess.run(["curl", "-s", "--max-time", str(LIMIT), *args], capture_output=True, timeout=LIMIT + 5)
 
 
 def get(path, version="1.1", extra="", method="GET"):
     return ("%s %s HTTP/%s\r\nHost: localhost\r\n%s\r\n" % (method, path, version, extra)).encode("latin-1")
 
 
-class Client(contextlib.AbstractContextManager):
-    # A raw connection that sends `requests` and reads the answers one at a time.
-    def __init__(self, port, *requests, receive_buffer=None):
-        self.socket = peers.connect("127.0.0.1", port, receive_buffer)
-        self.file = self.socket.makefile("rb")
-        self.socket.sendall(b"".join(requests))
+def send(port, *requests):
+    # A raw connection that has sent `requests`, as the file to read the answers from. Closing the file
+    # closes the connection.
+    with peers.connect("127.0.0.1", port) as sock:
+        sock.sendall(b"".join(requests))
+        return sock.makefile("rb")
 
-    def __exit__(self, *_):
-        self.file.close()
-        self.socket.close()
 
-    def response(self, head_request=False):
-        # One answer: (status, headers with lower-case names, body).
-        status = self.file.readline().split(b" ")
-        fields = (line.decode("latin-1").split(":", 1) for line in iter(self.file.readline, b"\r\n"))
-        headers = {name.lower(): value.strip() for name, value in fields}
-        return int(status[1]), headers, self.file.read(0 if head_request else int(headers["content-length"]))
+def response(file, head_request=False):
+    # One answer: (status, headers with lower-case names, body).
+    status = file.readline().split(b" ")
+    fields = (line.decode("latin-1").split(":", 1) for line in iter(file.readline, b"\r\n"))
+    headers = {name.lower(): value.strip() for name, value in fields}
+    return int(status[1]), headers, file.read(0 if head_request else int(headers["content-length"]))
 
-    def closed_by_server(self):
-        # True when the server closes with nothing more to say; a TimeoutError after LIMIT when it does not
-        # (longer than the idle time-outs used here: an idle close cannot pass for this one).
-        with contextlib.suppress(ConnectionResetError):
-            return self.file.read() == b""
-        return True
+
+def closed_by_server(file):
+    # True when the server closes with nothing more to say; a TimeoutError after LIMIT when it does not
+    # (longer than the idle time-outs used here: an idle close cannot pass for this one).
+    with contextlib.suppress(ConnectionResetError):
+        return file.read() == b""
+    return True
 
 
 def syscalls(pid):
@@ -78,73 +69,72 @@ def syscalls(pid):
             yield syscall.read().split()[0]
 
 
-def serve(timeout, add_cleanup):
-    # An orvun-httpd serving the tree on a free port with idle time-out `timeout`, killed by `add_cleanup`.
-    server = peers.Program(HttpdTests.program, "-p", "0", "-t", timeout, www)
-    add_cleanup(server.kill)
-    server.port = server.announced_port()
+def serve(timeout, enter_context):
+    # An orvun-httpd serving the tree on a free port with idle time-out `timeout`, in `enter_context`.
+    server = enter_context(peers.Program(HttpdTests.program, "-p", "0", "-t", timeout, www))
     server.url = lambda path: "http://127.0.0.1:%d%s" % (server.port, path)
     return server
 
 
-class ServedFolderTests(peers.TestCase):
-    # One server for the requests that do not stop it. Its idle time-out outlasts every wait, so that no
-    # idle close passes for one that a request asked for.
+class HttpdTests(peers.TestCase):
+    # One server for the tests that do not stop it. Its idle time-out outlasts every wait, so that no idle
+    # close passes for one that a request asked for.
     @classmethod
     def setUpClass(cls):
-        cls.server = serve("100", cls.addClassCleanup)
+        cls.server = serve("100", cls.enterClassContext)
         cls.addClassCleanup(cls.server.stop)
 
-    def test_get_and_head_give_length_type_and_body(self):
+    def test_pipelined_answers_come_in_order_on_one_connection_unless_closed_or_http_1_0(self):
+        # A GET and a HEAD per path; a HEAD answer with a body would spoil the next one. A 404 keeps the
+        # connection, so does HTTP/1.0 asking to (as ApacheBench -k asks); it closes after a request that
+        # asks to close, or an HTTP/1.0 one that does not ask to stay.
         text, html, binary = "text/plain; charset=utf-8", "text/html; charset=utf-8", "application/octet-stream"
-        for path, name, kind in (("/one.txt", "one.txt", text), ("/style.css", "style.css", "text/css; charset=utf-8"),
-                                 ("/", "index.html", html), ("/sub/", "sub/index.html", html),
-                                 ("/sub", "sub/index.html", html), ("/big.bin", "big.bin", binary),
-                                 ("/in-link", "one.txt", binary)):  # a link that stays inside
-            # The GET after the HEAD shows that the HEAD answer had no body.
-            with self.subTest(path), Client(self.server.port, get(path), get(path, method="HEAD"),
-                                            get("/one.txt")) as client:
-                status, headers, body = client.response()
-                self.assertEqual((status, headers["content-type"]), (200, kind))
-                self.assertTrue(body == files[name])  # no slow diff of megabytes
-                self.assertEqual(client.response(head_request=True)[1]["content-length"], str(len(files[name])))
-                self.assertEqual(client.response()[2], files["one.txt"])
-
-    def test_a_connection_serves_many_requests_unless_closed_or_http_1_0_without_keep_alive(self):
-        # curl reuses the connection for its next URLs.
-        out, err = curl("-v", *map(self.server.url, ("/one.txt", "/big.bin", "/style.css")))
-        self.assertTrue(out == files["one.txt"] + files["big.bin"] + files["style.css"], err[-300:])
-        self.assertEqual(err.count("Connected to"), 1, err)
-        out, err = curl("-0", "-i", self.server.url("/one.txt"))
-        self.assertTrue(out.startswith(b"HTTP/1.0 200 OK\r\n") and out.endswith(files["one.txt"]), err)
-        # Pipelined: the answers come in order. HTTP/1.0 keeps the connection only when asked to (as
-        # ApacheBench -k asks), HTTP/1.1 unless asked to close.
+        paths = (("/one.txt", "one.txt", text), ("/style.css", "style.css", "text/css; charset=utf-8"),
+                 ("/", "index.html", html), ("/sub/", "sub/index.html", html), ("/sub", "sub/index.html", html),
+                 ("/big.bin", "big.bin", binary), ("/in-link", "one.txt", binary))  # a link that stays inside
+        requests = [get(path, method=method) for path, _, _ in paths for method in ("GET", "HEAD")]
         keep, style = get("/style.css", "1.0", "Connection: Keep-Alive\r\n"), files["style.css"]
         for last in (get("/one.txt", extra="Connection: close\r\n"), get("/one.txt", "1.0")):
-            with Client(self.server.port, get("/one.txt"), get("/nothing"), keep, keep, last) as client:
-                self.assertEqual(client.response()[::2], (200, files["one.txt"]))
-                self.assertEqual(client.response()[0], 404)
-                for status, headers, body in (client.response(), client.response()):
+            with send(self.server.port, *requests, get("/nothing"), keep, keep, last) as client:
+                for path, name, kind in paths:
+                    status, headers, body = response(client)
+                    self.assertEqual((status, headers["content-type"], len(body)), (200, kind, len(files[name])), path)
+                    self.assertTrue(body == files[name], path)  # no slow diff of megabytes
+                    self.assertEqual(response(client, head_request=True)[1]["content-length"], str(len(body)), path)
+                self.assertEqual(response(client)[0], 404)
+                for status, headers, body in (response(client), response(client)):
                     self.assertEqual((status, headers["connection"].lower(), body), (200, "keep-alive", style))
-                status, headers, _ = client.response()
-                self.assertEqual((status, headers["connection"], client.closed_by_server()), (200, "close", True))
+                status, headers, body = response(client)
+                self.assertEqual((status, headers["connection"], body), (200, "close", files["one.txt"]))
+                self.assertTrue(closed_by_server(client))
+
+    def test_curl_and_apache_bench_keep_their_connections_and_curl_speaks_http_1_0(self):
+        done = curl("-v", *map(self.server.url, ("/one.txt", "/big.bin", "/style.css")))
+        self.assertTrue(done.stdout == files["one.txt"] + files["big.bin"] + files["style.css"], done.stderr[-300:])
+        self.assertEqual(done.stderr.count(b"Connected to"), 1, done.stderr)
+        done = curl("-0", "-i", self.server.url("/one.txt"))
+        self.assertTrue(done.stdout.startswith(b"HTTP/1.0 200 OK\r\n") and done.stdout.endswith(files["one.txt"]))
+        count = max(200, int(2000 * peers.SCALE))
+        done = subprocess.run(["ab", "-k", "-c", "20", "-n", str(count), "-s", str(int(LIMIT)),
+                               self.server.url("/one.txt")], capture_output=True, errors="replace", timeout=5 * LIMIT)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        for line in ("Complete requests: +%d" % count, "Failed requests: +0", "Keep-Alive requests: +%d" % count):
+            self.assertRegex(done.stdout, line + "\n")
+        self.assertNotIn("Non-2xx responses", done.stdout)
 
     def test_a_changed_file_is_never_served_stale(self):
-        path = os.path.join(www, "changing.txt")
-        time.sleep(max(0.0, os.stat(path).st_mtime + 2.2 - time.time()))  # old enough to be kept in memory
-        for _ in range(2):
-            self.assertEqual(curl(self.server.url("/changing.txt"))[0], files["changing.txt"])
-        with open(path, "r+b") as out:  # same size, same inode
-            out.write(b"B" * len(SECRET))
-        self.assertEqual(curl(self.server.url("/changing.txt"))[0], b"B" * len(SECRET))
-        os.remove(path)
-        os.symlink("../secret.txt", path)  # same size, outside
-        self.assertEqual(curl("-w", "%{http_code}", self.server.url("/changing.txt"))[0][-3:], b"404")
-        os.remove(path)
-        with open(path + ".new", "wb") as out:
-            out.write(b"C" * len(SECRET))
-        os.rename(path + ".new", path)  # replaced by a rename
-        self.assertEqual(curl(self.server.url("/changing.txt"))[0], b"C" * len(SECRET))
+        path, url = pathlib.Path(www, "changing.txt"), self.server.url("/changing.txt")
+        time.sleep(max(0.0, path.stat().st_mtime + 2.2 - time.time()))  # old enough to be kept in memory
+        for _ in range(2):  # read, then served from memory
+            self.assertEqual(curl(url).stdout, files["changing.txt"])
+        path.write_bytes(b"B" * len(SECRET))  # same size, same inode
+        self.assertEqual(curl(url).stdout, b"B" * len(SECRET))
+        path.unlink()
+        path.symlink_to("../secret.txt")  # same size, outside
+        self.assertEqual(curl("-w", "%{http_code}", url).stdout[-3:], b"404")
+        pathlib.Path(www, "new.txt").write_bytes(b"C" * len(SECRET))
+        os.rename(os.path.join(www, "new.txt"), path)  # replaced by a rename
+        self.assertEqual(curl(url).stdout, b"C" * len(SECRET))
 
     def test_refusals_of_paths_out_methods_and_malformed_or_oversized_requests(self):
         # Refused from the target alone, before any file is looked at.
@@ -167,53 +157,36 @@ class ServedFolderTests(peers.TestCase):
             (get("/one.txt", extra="".join("X-Filler-%04d: %s\r\n" % (i, "v" * 40) for i in range(300))), 431)]
 
         def answer(request):
-            # (status, Allow given, secret given, closed); all but 403 and 404 close the connection.
-            with Client(self.server.port, request) as client:
-                status, headers, body = client.response()
-                closes = headers.get("connection") == "close"
-                return status, "allow" in headers, SECRET in body, closes and client.closed_by_server()
+            # (status, Allow given, closed); all but 403 and 404 close the connection.
+            with send(self.server.port, request) as client:
+                status, headers, _ = response(client)
+                return status, "allow" in headers, headers.get("connection") == "close" and closed_by_server(client)
 
         # At once: the server reads on for up to a second before each close.
         with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
             answers = list(pool.map(answer, (request for request, _ in cases)))
         for (request, status), got in zip(cases, answers):
             with self.subTest(request=request[:60]):
-                self.assertEqual(got, (status, status == 405, False, status not in (403, 404)))
+                self.assertEqual(got, (status, status == 405, status not in (403, 404)))
         # curl --path-as-is sends the dots unchanged (and the server goes on serving).
         for target in ("/../secret.txt", "/%2e%2e/secret.txt", "/out-folder/secret.txt"):
-            out = curl("--path-as-is", "-w", "%{http_code}", self.server.url(target))[0]
-            self.assertNotIn(SECRET, out)
-            self.assertRegex(out, rb"(403|404)\Z")
+            self.assertRegex(curl("--path-as-is", "-w", "%{http_code}", self.server.url(target)).stdout, rb"40[34]\Z")
 
-    def test_apache_bench_keep_alive_without_failures(self):
-        count = max(200, int(2000 * peers.SCALE))
-        done = subprocess.run(["ab", "-k", "-c", "20", "-n", str(count), "-s", str(int(LIMIT)),
-                               self.server.url("/one.txt")], capture_output=True, timeout=5 * LIMIT)
-        report = done.stdout.decode(errors="replace")
-        self.assertEqual(done.returncode, 0, report + done.stderr.decode(errors="replace"))
-        for line in ("Complete requests: +%d" % count, "Failed requests: +0", "Keep-Alive requests: +%d" % count):
-            self.assertRegex(report, line + "\n")
-        self.assertNotIn("Non-2xx responses", report)
-
-
-class HttpdTests(peers.TestCase):
     def stalled_download(self, server):
         # Asks for huge.bin, takes the head and stops reading: the server's thread then blocks in a send.
-        client = Client(server.port, get("/huge.bin"), receive_buffer=4096)
-        self.addCleanup(client.__exit__)
-        self.assertTrue(client.socket.recv(1024).startswith(b"HTTP/1.1 200 OK"))
-        return client.socket
+        sock = self.enterContext(peers.connect("127.0.0.1", server.port, receive_buffer=4096))
+        sock.sendall(get("/huge.bin"))
+        self.assertTrue(sock.recv(1024).startswith(b"HTTP/1.1 200 OK"))
+        return sock
 
     def test_idle_connections_are_closed_after_the_time_out_and_a_stop_under_load_is_quick(self):
-        server = serve("2", self.addCleanup)
+        server = serve("2", self.enterContext)
         stalled = self.stalled_download(server)
-        clients = [Client(server.port), Client(server.port, b"GET /one.txt HTTP/1.1\r\nHost: a\r\n"),
-                   Client(server.port, get("/one.txt"))]  # silent, a partial request, one answered
-        self.assertEqual(clients[2].response()[0], 200)
+        clients = [self.enterContext(send(server.port, *requests)) for requests in (
+            (), (b"GET /one.txt HTTP/1.1\r\nHost: a\r\n",), (get("/one.txt"),))]  # silent, partial, answered
+        self.assertEqual(response(clients[2])[0], 200)
         started = time.monotonic()
-        for client in clients:
-            with client:
-                self.assertTrue(client.closed_by_server())
+        self.assertTrue(all(closed_by_server(client) for client in clients))
         self.assertTrue(1.9 <= time.monotonic() - started < 15, "closed after %.1f s" % (time.monotonic() - started))
         # Read once no thread is blocked sending: reading earlier would let the stalled download make progress
         # again. Not cut, it would bring the whole file.
@@ -224,8 +197,7 @@ class HttpdTests(peers.TestCase):
         # With a download stalled, a connection silent and ApacheBench running, SIGTERM stops it at once
         # (measured: 0.01-0.02 s plainly, up to 0.17 s under ThreadSanitizer).
         self.stalled_download(server)
-        silent = Client(server.port)
-        self.addCleanup(silent.__exit__)
+        silent = self.enterContext(send(server.port))
         bench = subprocess.Popen(["ab", "-k", "-c", "10", "-t", str(int(LIMIT)), "-n", "100000000",
                                   server.url("/one.txt")], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(bench.wait, LIMIT)
@@ -233,7 +205,7 @@ class HttpdTests(peers.TestCase):
         time.sleep(1.0)  # ab is under way; the idle time-out has not come yet
         self.assertIsNone(bench.poll(), "ab stopped early")
         self.assertIn("stopping", server.stop())
-        self.assertTrue(silent.closed_by_server())
+        self.assertTrue(closed_by_server(silent))
 
     def test_exit_status_and_message_for_each_command_line(self):
         held = str(self.socket_on("127.0.0.1", listen=False).getsockname()[1])  # no SO_REUSEPORT: cannot share
@@ -245,6 +217,3 @@ class HttpdTests(peers.TestCase):
             ((".", "."), "too many arguments"), (("/nonexistent/folder",), "cannot serve '/nonexistent/folder'")],
             [(("-p", held, "."), "cannot listen on 127.0.0.1 port")])
 
-
-if __name__ == "__main__":
-    unittest.main()
