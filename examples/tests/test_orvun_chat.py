@@ -159,13 +159,13 @@ class ChatTests(peers.TestCase, unittest.IsolatedAsyncioTestCase):
             # 64 lines at a time, each once all that the other three sent up to the batch before is in: no
             # more than two batches from each (384 lines in all) are in flight to any of them, below the limit.
             nonlocal peak
-            due = [0]  # what the client is owed once each batch is through
+            due = 0  # what the client is owed once the batches sent so far are through
             for start in range(0, count, 64):
-                await client.receive(due[-1])
+                await client.receive(due)
                 await client.send(b"".join(sent[client.tag][start : start + 64]))
-                due.append(due[-1] + owed({tag: lines[start : start + 64] for tag, lines in sent.items()}, client.tag))
+                due += owed({tag: lines[start : start + 64] for tag, lines in sent.items()}, client.tag)
                 peak = max(peak, rss_kib(server.process))
-            await client.receive(due[-1])
+            await client.receive(due)
 
         await bounded(*(flood(c) for c in fast))
         if not peers.SANITIZED:
